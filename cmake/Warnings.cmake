@@ -1,0 +1,12 @@
+add_library(qev_options INTERFACE)
+target_compile_options(qev_options INTERFACE -Wall -Wextra -Werror)
+if(QEV_SANITIZE STREQUAL "address")
+  target_compile_options(qev_options INTERFACE -fsanitize=address,undefined
+                         -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(qev_options INTERFACE -fsanitize=address,undefined)
+elseif(QEV_SANITIZE STREQUAL "thread")
+  target_compile_options(qev_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(qev_options INTERFACE -fsanitize=thread)
+elseif(QEV_SANITIZE)
+  message(FATAL_ERROR "QEV_SANITIZE must be empty, address or thread")
+endif()
