@@ -1,0 +1,33 @@
+#include "bridge/commands.h"
+
+#include <array>
+
+#include "base/strings.h"
+
+namespace qev::bridge {
+
+bool boolArg(const Json* value) {
+  if (value == nullptr) return false;
+  if (value->is_boolean()) return value->get<bool>();
+  if (value->is_object()) {
+    for (const char* key : {"enabled", "openAtLogin", "autoLaunch"}) {
+      const auto it = value->find(key);
+      if (it != value->end() && it->is_boolean()) return it->get<bool>();
+    }
+    return false;
+  }
+  if (value->is_string()) {
+    const std::string lower = base::toLowerAscii(value->get_ref<const std::string&>());
+    constexpr std::array<std::string_view, 6> kTrue = {"1", "true", "yes", "on", "启用", "开启"};
+    for (auto word : kTrue) {
+      if (lower == word) return true;
+    }
+  }
+  return false;
+}
+
+const Json* firstArg(const Json& args) {
+  return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
+}
+
+}  // namespace qev::bridge

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <unordered_map>
+
+#include "base/error.h"
+#include "base/json.h"
+
+namespace qev::bridge {
+
+// A command's two completions; each command calls exactly one of them, once, on any thread.
+using Resolve = std::function<void(Json)>;
+using Reject = std::function<void(BridgeError)>;
+using Command = std::function<void(const Json& args, Resolve resolve, Reject reject)>;
+
+// Command name to handler; names are compared exactly, letter case included.
+using CommandTable = std::unordered_map<std::string, Command>;
+
+// A command argument read as a boolean: true, {"enabled"|"openAtLogin"|"autoLaunch": true},
+// or one of the strings "1", "true", "yes", "on", "启用", "开启" (ASCII case ignored).
+bool boolArg(const Json* value);
+
+// The first element of an argument array, or nullptr.
+const Json* firstArg(const Json& args);
+
+}  // namespace qev::bridge

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "base/json.h"
+
+namespace qev::bridge {
+
+// "[2026-11-15T18:30:00Z] " style stamp: UTC, whole seconds.
+std::string iso8601UtcStamp(std::chrono::system_clock::time_point when);
+
+// The plain-text diagnostic log. Every entry is redacted before it reaches the disk; writing
+// never fails outward. Safe to call from any thread: each entry is one open-append-close.
+class DiagnosticLog {
+ public:
+  explicit DiagnosticLog(std::filesystem::path file);
+
+  // Payload as the page's log channel sends it ({"message": text}) or any other value.
+  void append(const Json& payload) const noexcept;
+  void message(std::string_view text) const noexcept;
+
+  const std::filesystem::path& file() const { return file_; }
+
+ private:
+  void write(std::string_view redactedText) const noexcept;
+
+  std::filesystem::path file_;
+};
+
+}  // namespace qev::bridge

@@ -1,0 +1,115 @@
+#include "bridge/native_bridge.h"
+
+#include <sys/stat.h>
+
+#include <system_error>
+
+#include "bridge/literals.h"
+#include "bridge/redaction.h"
+
+namespace qev::bridge {
+namespace {
+
+constexpr std::string_view kBridgeChannel = "nativeBridge";
+constexpr std::string_view kLogChannel = "nativeLog";
+
+// Wraps a command's completions so that only the first answer counts.
+struct CompletionGate {
+  std::atomic<bool> answered{false};
+  bool claim() { return !answered.exchange(true); }
+};
+
+}  // namespace
+
+NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
+    : profile_(std::move(profile)), seams_(std::move(seams)), log_(profile_.paths.log) {
+  std::error_code ec;
+  std::filesystem::create_directories(profile_.paths.appSupport, ec);
+  ::chmod(profile_.paths.appSupport.c_str(), 0700);
+  registerCommands();
+}
+
+NativeBridge::~NativeBridge() {
+  // Stop every source of callbacks before the parts they call into are destroyed.
+  executors_.stop();
+}
+
+void NativeBridge::setAnswerSink(std::weak_ptr<AnswerSink> sink) { sink_ = std::move(sink); }
+
+void NativeBridge::registerCommands() {
+  // Each part adds its commands here; a name missing from the table resolves false.
+}
+
+void NativeBridge::receive(std::string_view channel, const Json& body) {
+  if (channel == kLogChannel) {
+    log_.append(body);
+    return;
+  }
+  if (channel != kBridgeChannel || !body.is_object()) return;
+  const auto id = body.find("id");
+  const auto name = body.find("name");
+  if (id == body.end() || !id->is_string() || name == body.end() || !name->is_string()) return;
+  const auto argsIt = body.find("args");
+  const Json args = (argsIt != body.end() && argsIt->is_array()) ? *argsIt : Json::array();
+
+  const std::string requestId = id->get<std::string>();
+  auto gate = std::make_shared<CompletionGate>();
+  auto queue = seams_.mainQueue;
+  ++inFlight_;
+  Resolve onResolve = [this, gate, queue, requestId](Json value) {
+    if (!gate->claim()) return;
+    queue->post([this, requestId, value = std::move(value)] { resolve(requestId, value); });
+    --inFlight_;
+  };
+  Reject onReject = [this, gate, queue, requestId](BridgeError error) {
+    if (!gate->claim()) return;
+    queue->post([this, requestId, text = std::move(error.description)] { reject(requestId, text); });
+    --inFlight_;
+  };
+  handle(name->get<std::string>(), args, std::move(onResolve), std::move(onReject));
+}
+
+void NativeBridge::handle(const std::string& name, const Json& args, Resolve resolve,
+                          Reject reject) {
+  log_.message("native.bridge.call: " + name + " " + bridgeArgsPreview(args));
+  const auto command = commands_.find(name);
+  if (command == commands_.end()) {
+    resolve(false);
+    return;
+  }
+  try {
+    command->second(args, resolve, reject);
+  } catch (const std::exception& e) {
+    // A command must answer even when its arguments surprised it.
+    reject(BridgeError::native(3, e.what()));
+  }
+}
+
+void NativeBridge::resolve(const std::string& id, const Json& result) {
+  Answer answer{id, true, result, {}, {}};
+  answer.statement = "window.__nativeBridgeResolve && window.__nativeBridgeResolve(" +
+                     jsonLiteral(id) + ", " + jsonLiteral(result) + ");";
+  deliver(std::move(answer));
+}
+
+void NativeBridge::reject(const std::string& id, const std::string& message) {
+  Answer answer{id, false, nullptr, message, {}};
+  answer.statement = "window.__nativeBridgeReject && window.__nativeBridgeReject(" +
+                     jsonLiteral(id) + ", " + jsonLiteral(message) + ");";
+  deliver(std::move(answer));
+}
+
+void NativeBridge::deliver(Answer answer) {
+  if (auto sink = sink_.lock()) sink->deliver(answer);
+}
+
+void NativeBridge::restoreProxyIfNeeded() {
+  // Filled in with the system-proxy restore chain.
+}
+
+void NativeBridge::shutdown() {
+  if (shutDown_.exchange(true)) return;
+  log_.message("native.shutdown.complete");
+}
+
+}  // namespace qev::bridge

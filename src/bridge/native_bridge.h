@@ -1,0 +1,86 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/executors.h"
+#include "base/json.h"
+#include "base/main_queue.h"
+#include "bridge/commands.h"
+#include "bridge/diagnostic_log.h"
+#include "storage/profile.h"
+
+namespace qev::bridge {
+
+// One answer to the page, with the statement a web view evaluates to deliver it.
+struct Answer {
+  std::string id;
+  bool ok = true;
+  Json value;           // the result when ok
+  std::string message;  // the error text when not ok
+  std::string statement;
+};
+
+// The web view, or whatever stands in for it. The bridge holds it weakly: with no sink, answers
+// are dropped.
+class AnswerSink {
+ public:
+  virtual ~AnswerSink() = default;
+  virtual void deliver(const Answer& answer) = 0;  // called on the main queue only
+};
+
+// What each shell provides.
+struct ShellSeams {
+  std::shared_ptr<base::MainQueue> mainQueue;
+  // Opens a link with the desktop's default handler; called on the main queue.
+  std::function<void(const std::string& url)> openUrl;
+};
+
+// The composition root of the native side: owns every part, runs start-up and shutdown,
+// receives page messages and dispatches the command table.
+class NativeBridge {
+ public:
+  NativeBridge(storage::Profile profile, ShellSeams seams);
+  ~NativeBridge();
+  NativeBridge(const NativeBridge&) = delete;
+  NativeBridge& operator=(const NativeBridge&) = delete;
+
+  void setAnswerSink(std::weak_ptr<AnswerSink> sink);
+
+  // Entry point of both page channels ("nativeBridge", "nativeLog"); main thread.
+  void receive(std::string_view channel, const Json& body);
+  // Logs the call and runs the named command; unknown names resolve false.
+  void handle(const std::string& name, const Json& args, Resolve resolve, Reject reject);
+  // Build the page statement and hand it to the sink; main thread.
+  void resolve(const std::string& id, const Json& result);
+  void reject(const std::string& id, const std::string& message);
+
+  // Re-applies the system proxy when the user left it on; returns at once.
+  void restoreProxyIfNeeded();
+  // Returns the machine to a clean state; runs once, later calls do nothing.
+  void shutdown();
+
+  // Page commands whose answer has not been handed to the main queue yet.
+  std::size_t commandsInFlight() const { return inFlight_.load(); }
+
+  const storage::Profile& profile() const { return profile_; }
+  const DiagnosticLog& log() const { return log_; }
+
+ private:
+  void registerCommands();
+  void deliver(Answer answer);
+
+  storage::Profile profile_;
+  ShellSeams seams_;
+  base::Executors executors_;
+  DiagnosticLog log_;
+  CommandTable commands_;
+  std::weak_ptr<AnswerSink> sink_;  // main thread only
+  std::atomic<std::size_t> inFlight_{0};
+  std::atomic<bool> shutDown_{false};
+};
+
+}  // namespace qev::bridge
