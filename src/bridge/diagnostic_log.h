@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/json.h"
+#include "base/logger.h"
 
 namespace qev::bridge {
 
@@ -14,13 +15,13 @@ std::string iso8601UtcStamp(std::chrono::system_clock::time_point when);
 
 // The plain-text diagnostic log. Every entry is redacted before it reaches the disk; writing
 // never fails outward. Safe to call from any thread: each entry is one open-append-close.
-class DiagnosticLog {
+class DiagnosticLog final : public base::Logger {
  public:
   explicit DiagnosticLog(std::filesystem::path file);
 
   // Payload as the page's log channel sends it ({"message": text}) or any other value.
   void append(const Json& payload) const noexcept;
-  void message(std::string_view text) const noexcept;
+  void message(std::string_view text) const noexcept override;
 
   const std::filesystem::path& file() const { return file_; }
 

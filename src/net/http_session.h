@@ -1,0 +1,60 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/error.h"
+#include "base/executors.h"
+
+namespace qev::net {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string url;
+  HeaderList headers;
+  std::optional<std::string> body;
+  std::chrono::milliseconds timeout{60000};
+};
+
+struct HttpResponse {
+  long status = 0;
+  std::string reason;  // the standard reason phrase of the status
+  HeaderList headers;  // in arrival order, names as sent
+  std::string body;
+};
+
+// A transport failure arrives as a BridgeError whose description is the transport's text.
+using HttpCompletion = std::function<void(Result<HttpResponse>)>;
+
+// The standard reason phrase of an HTTP status ("OK", "Not Found", ...); "" when unknown.
+std::string reasonPhrase(long status);
+
+// Asynchronous HTTP(S) on libcurl: one thread drives all transfers; completions run on one
+// serial session queue, never on the main thread. Shared by the controller client, the
+// subscription download and the page relay.
+class HttpSession {
+ public:
+  explicit HttpSession(base::Executors& executors);
+  ~HttpSession();
+  HttpSession(const HttpSession&) = delete;
+  HttpSession& operator=(const HttpSession&) = delete;
+
+  // Never blocks; the completion runs exactly once (not at all after stop()).
+  void send(HttpRequest request, HttpCompletion completion);
+
+  // Cancels transfers and joins the transfer thread. Idempotent.
+  void stop();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qev::net
