@@ -8,7 +8,7 @@
 
 #include "base/fs.h"
 #include "base/utf8.h"
-#include "bridge/redaction.h"
+#include "base/redaction.h"
 
 namespace qev::bridge {
 
@@ -29,11 +29,11 @@ void DiagnosticLog::append(const Json& payload) const noexcept {
     if (payload.is_object()) {
       const auto it = payload.find("message");
       text = (it != payload.end() && it->is_string()) ? it->get<std::string>()
-                                                       : describeValue(payload);
+                                                       : base::describeValue(payload);
     } else {
-      text = describeValue(payload);
+      text = base::describeValue(payload);
     }
-    write(redactURLString(text));
+    write(base::redactURLString(text));
   } catch (...) {
     // Logging never fails outward.
   }
@@ -41,7 +41,7 @@ void DiagnosticLog::append(const Json& payload) const noexcept {
 
 void DiagnosticLog::message(std::string_view text) const noexcept {
   try {
-    write(redactURLString(text));
+    write(base::redactURLString(text));
   } catch (...) {
   }
 }

@@ -5,7 +5,7 @@
 #include <system_error>
 
 #include "bridge/literals.h"
-#include "bridge/redaction.h"
+#include "base/redaction.h"
 
 namespace qev::bridge {
 namespace {
@@ -71,7 +71,7 @@ void NativeBridge::receive(std::string_view channel, const Json& body) {
 
 void NativeBridge::handle(const std::string& name, const Json& args, Resolve resolve,
                           Reject reject) {
-  log_.message("native.bridge.call: " + name + " " + bridgeArgsPreview(args));
+  log_.message("native.bridge.call: " + name + " " + base::bridgeArgsPreview(args));
   const auto command = commands_.find(name);
   if (command == commands_.end()) {
     resolve(false);

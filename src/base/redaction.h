@@ -5,7 +5,7 @@
 
 #include "base/json.h"
 
-namespace qev::bridge {
+namespace qev::base {
 
 // Masks object-storage addresses, token=/verify= values and short-link codes in free text.
 std::string redactURLString(std::string_view text);
@@ -32,4 +32,4 @@ std::string bridgeArgsPreview(const Json& args);
 // The text a log entry shows for a value that is not a message string.
 std::string describeValue(const Json& value);
 
-}  // namespace qev::bridge
+}  // namespace qev::base

@@ -1,4 +1,4 @@
-#include "bridge/redaction.h"
+#include "base/redaction.h"
 
 #include <re2/re2.h>
 
@@ -8,7 +8,7 @@
 #include "base/utf8.h"
 #include "qev/deployment.h"
 
-namespace qev::bridge {
+namespace qev::base {
 namespace {
 
 constexpr std::array<std::string_view, 5> kSensitiveKeys = {"token", "auth_data", "authorization",
@@ -160,4 +160,4 @@ std::string describeValue(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-}  // namespace qev::bridge
+}  // namespace qev::base
