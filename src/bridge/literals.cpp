@@ -31,14 +31,17 @@ void appendScalar(std::string& out, char32_t cp, std::string_view bytes) {
   out.append(bytes);
 }
 
-// JSON has no text for NaN or the infinities; the serializer would quietly write null.
-bool hasNonFiniteNumber(const Json& value) {
+// JSON has no text for NaN, the infinities or binary data; the serializer would quietly write
+// null or an object for them.
+bool hasNonJsonValue(const Json& value) {
   switch (value.type()) {
     case Json::value_t::number_float: return !std::isfinite(value.get<double>());
+    case Json::value_t::binary:
+    case Json::value_t::discarded: return true;
     case Json::value_t::object:
     case Json::value_t::array:
       for (const auto& child : value) {
-        if (hasNonFiniteNumber(child)) return true;
+        if (hasNonJsonValue(child)) return true;
       }
       return false;
     default: return false;
@@ -85,10 +88,10 @@ std::string jsonLiteral(const Json& value) {
     case Json::value_t::number_integer:
     case Json::value_t::number_unsigned:
     case Json::value_t::number_float:
-      return hasNonFiniteNumber(value) ? "null" : value.dump();
+      return hasNonJsonValue(value) ? "null" : value.dump();
     case Json::value_t::object:
     case Json::value_t::array:
-      if (hasNonFiniteNumber(value)) return "null";
+      if (hasNonJsonValue(value)) return "null";
       try {
         return value.dump();  // throws on invalid UTF-8 in any key or string
       } catch (const Json::exception&) {

@@ -28,6 +28,7 @@ class HeadlessQev {
   };
 
   explicit HeadlessQev(Options options);
+  explicit HeadlessQev(std::filesystem::path home) : HeadlessQev(Options{std::move(home), {}, {"--headless"}}) {}
   ~HeadlessQev();
   HeadlessQev(const HeadlessQev&) = delete;
   HeadlessQev& operator=(const HeadlessQev&) = delete;
