@@ -1,0 +1,120 @@
+#include "sysproxy/network_services_backend.h"
+
+#include "base/constants.h"
+#include "base/fs.h"
+#include "base/strings.h"
+#include "base/utf8.h"
+#include "core/process_runner.h"
+
+namespace qev::sysproxy {
+namespace {
+
+constexpr std::size_t kErrorPreviewLength = 180;
+
+std::string flag(bool value) {
+  return value ? "true" : "false";
+}
+
+std::string endpoint(int port) {
+  return std::string(kProxyHost) + ":" + std::to_string(port);
+}
+
+}  // namespace
+
+std::vector<std::string> parseNetworkServices(std::string_view listing) {
+  std::vector<std::string> services;
+  for (const std::string_view piece : base::splitLines(listing)) {
+    const std::string_view line = base::trimWhitespace(piece);
+    if (line.empty() || line.starts_with("An asterisk") || line.starts_with("*")) continue;
+    services.emplace_back(line);
+  }
+  return services;
+}
+
+std::vector<CommandLine> networksetupCommands(const std::string& service, bool enabled) {
+  const std::string host(kProxyHost);
+  const std::string http = std::to_string(kHttpProxyPort);
+  const std::string socks = std::to_string(kSocksProxyPort);
+  if (enabled) {
+    return {
+        {"-setwebproxy", service, host, http},
+        {"-setwebproxystate", service, "on"},
+        {"-setsecurewebproxy", service, host, http},
+        {"-setsecurewebproxystate", service, "on"},
+        {"-setsocksfirewallproxy", service, host, socks},
+        {"-setsocksfirewallproxystate", service, "on"},
+    };
+  }
+  return {
+      {"-setwebproxystate", service, "off"},
+      {"-setsecurewebproxystate", service, "off"},
+      {"-setsocksfirewallproxystate", service, "off"},
+  };
+}
+
+NetworkServicesBackend::NetworkServicesBackend(const base::Logger& log,
+                                               std::filesystem::path helper,
+                                               std::filesystem::path networksetup)
+    : log_(log), helper_(std::move(helper)), networksetup_(std::move(networksetup)) {}
+
+bool NetworkServicesBackend::helperExists() const {
+  return base::itemExists(helper_);
+}
+
+bool NetworkServicesBackend::runHelper(const CommandLine& arguments) const {
+  return core::runProcess(helper_.string(), arguments);
+}
+
+void NetworkServicesBackend::enableSystemProxy() {
+  if (!helperExists()) {
+    log_.message("native.sysproxy.missing");
+  } else {
+    // The helper and networksetup overlap on purpose: networksetup then sets each service
+    // explicitly, whatever the helper did.
+    const bool stop = runHelper({"-stop"});
+    const bool http = runHelper({"-http", endpoint(kHttpProxyPort)});
+    const bool https = runHelper({"-https", endpoint(kHttpProxyPort)});
+    const bool socks = runHelper({"-socks", endpoint(kSocksProxyPort)});
+    log_.message("native.sysproxy.enable: stop=" + flag(stop) + " http=" + flag(http) +
+                 " https=" + flag(https) + " socks=" + flag(socks));
+  }
+  setSystemProxyWithNetworksetup(true);
+}
+
+void NetworkServicesBackend::disableSystemProxy() {
+  if (helperExists()) {
+    log_.message("native.sysproxy.disable: stop=" + flag(runHelper({"-stop"})));
+  }
+  setSystemProxyWithNetworksetup(false);
+}
+
+std::vector<std::string> NetworkServicesBackend::activeNetworkServices() {
+  const core::ProcessOutput listing =
+      core::runProcessOutput(networksetup_.string(), {"-listallnetworkservices"});
+  if (!listing.ok) {
+    const std::string reason =
+        listing.output.empty() ? networksetup_.string() + " failed" : listing.output;
+    log_.message("native.networksetup.services.error: " +
+                 base::truncateGraphemes(reason, kErrorPreviewLength));
+    return {};
+  }
+  return parseNetworkServices(listing.output);
+}
+
+void NetworkServicesBackend::setSystemProxyWithNetworksetup(bool enabled) {
+  const std::vector<std::string> services = activeNetworkServices();
+  if (services.empty()) {
+    log_.message("native.networksetup.noServices");
+    return;
+  }
+  const std::string action = enabled ? "enable" : "disable";
+  for (const std::string& service : services) {
+    bool ok = true;
+    for (const CommandLine& command : networksetupCommands(service, enabled)) {
+      ok = core::runProcess(networksetup_.string(), command) && ok;
+    }
+    log_.message("native.networksetup." + action + ": " + service + "=" + flag(ok));
+  }
+}
+
+}  // namespace qev::sysproxy
