@@ -1,0 +1,94 @@
+#include "core/runtime_config.h"
+
+#include <system_error>
+
+#include "base/fs.h"
+#include "base/utf8.h"
+#include "subscription/runtime_config_text.h"
+
+namespace qev::core {
+namespace {
+
+BridgeError fileError(const std::error_code& ec, const std::filesystem::path& path) {
+  return BridgeError::system(base::describe(ec, path), ec.value());
+}
+
+BridgeError unreadable(const std::filesystem::path& path) {
+  return fileError(std::make_error_code(std::errc::io_error), path);
+}
+
+}  // namespace
+
+RuntimeConfig::RuntimeConfig(const storage::Paths& paths, const storage::ProtectedFiles& files,
+                             const storage::SettingsStore& settings, const base::Logger& log)
+    : paths_(paths), files_(files), settings_(settings), log_(log) {}
+
+bool RuntimeConfig::hasRawSubscriptionConfig() const {
+  return base::itemExists(paths_.protectedRawConfig) || base::itemExists(paths_.tmpYaml) ||
+         base::itemExists(paths_.legacyTmpYaml);
+}
+
+bool RuntimeConfig::hasRunnableConfig() const {
+  return base::itemExists(paths_.protectedConfig) || base::itemExists(paths_.configYaml) ||
+         base::itemExists(paths_.legacyConfigYaml);
+}
+
+Result<std::string> RuntimeConfig::readRawSubscriptionConfigText() const {
+  if (base::itemExists(paths_.protectedRawConfig)) {
+    auto data = files_.readProtectedData(paths_.protectedRawConfig);
+    // A body that does not unmask to text reads as no subscription at all.
+    return (data && base::isValidUtf8(*data)) ? std::move(*data) : std::string();
+  }
+  const auto& plain = base::itemExists(paths_.tmpYaml) ? paths_.tmpYaml : paths_.legacyTmpYaml;
+  auto text = base::readFile(plain);
+  if (!text) return unreadable(plain);
+  return std::move(*text);
+}
+
+std::optional<BridgeError> RuntimeConfig::normalizeTmpYaml(bool tun) const {
+  if (!hasRawSubscriptionConfig()) return std::nullopt;
+  auto raw = readRawSubscriptionConfigText();
+  if (!raw) return raw.error();
+  return writeBoth(
+      subscription::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
+}
+
+std::optional<BridgeError> RuntimeConfig::writeBoth(const std::string& text) const {
+  if (auto ec = files_.writeProtectedString(text, paths_.protectedConfig)) {
+    return fileError(ec, paths_.protectedConfig);
+  }
+  if (auto ec = files_.writeRuntimeConfigData(text)) return fileError(ec, paths_.configYaml);
+  return std::nullopt;
+}
+
+bool RuntimeConfig::prepareRuntimeConfigFile() const {
+  std::optional<BridgeError> failure;
+  if (base::itemExists(paths_.protectedConfig)) {
+    const auto data = files_.readProtectedData(paths_.protectedConfig);
+    if (!data) {
+      failure = unreadable(paths_.protectedConfig);
+    } else if (auto ec = files_.writeRuntimeConfigData(*data)) {
+      failure = fileError(ec, paths_.configYaml);
+    }
+  } else if (base::itemExists(paths_.configYaml)) {
+    if (auto ec = storage::ProtectedFiles::protectFile(paths_.configYaml)) {
+      failure = fileError(ec, paths_.configYaml);
+    }
+  } else if (base::itemExists(paths_.legacyConfigYaml)) {
+    const auto text = base::readFile(paths_.legacyConfigYaml);
+    failure = text ? writeBoth(*text) : unreadable(paths_.legacyConfigYaml);
+    if (!failure) {
+      std::error_code ignored;
+      std::filesystem::remove(paths_.legacyConfigYaml, ignored);
+    }
+  } else {
+    return false;
+  }
+  if (failure) {
+    log_.message("native.config.runtime.error: " + failure->description);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace qev::core

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/error.h"
+#include "base/logger.h"
+#include "storage/profile.h"
+#include "storage/protected_files.h"
+#include "storage/settings_store.h"
+
+namespace qev::core {
+
+// Turns the stored subscription into the configuration the core runs, keeps that protected at
+// rest, and puts the plaintext copy in place just before the core reads it.
+class RuntimeConfig {
+ public:
+  RuntimeConfig(const storage::Paths& paths, const storage::ProtectedFiles& files,
+                const storage::SettingsStore& settings, const base::Logger& log);
+
+  // Whether a subscription is stored (protected, or a plaintext copy of an older version).
+  bool hasRawSubscriptionConfig() const;
+  // Whether there is anything the core could run.
+  bool hasRunnableConfig() const;
+  Result<std::string> readRawSubscriptionConfigText() const;
+
+  // Builds the runtime configuration from the stored subscription with the saved routing mode
+  // and writes it protected and as the plaintext copy. Nothing stored: nothing happens.
+  std::optional<BridgeError> normalizeTmpYaml(bool tun) const;
+
+  // Makes sure the plaintext file for the core exists; false (logged) when it cannot.
+  bool prepareRuntimeConfigFile() const;
+
+ private:
+  std::optional<BridgeError> writeBoth(const std::string& text) const;
+
+  const storage::Paths& paths_;
+  const storage::ProtectedFiles& files_;
+  const storage::SettingsStore& settings_;
+  const base::Logger& log_;
+};
+
+}  // namespace qev::core

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/json.h"
+
+namespace qev::proxies {
+
+// A proxy-table entry without hidden choices: nothing when the entry itself is hidden; its
+// member list filtered; a hidden current member replaced by the first visible one (or "").
+std::optional<Json> filteredProxyItem(Json item);
+
+struct ClientProxyTable {
+  Json table;                       // what the page receives
+  std::optional<std::string> alias;  // the group copied to "SELECT", when one was made
+};
+
+// The core's proxy table as the page expects it: hidden entries gone and a "SELECT" selector,
+// aliased from the preferred main group (or the first selector) when the table has none.
+ClientProxyTable normalizeProxiesForClient(Json table);
+
+// "count=N selectors=M" for a table, "nonObject" for anything else.
+std::string proxySummary(const Json& value);
+
+// Whether an entry is a group the user may switch ("Selector", any letter case).
+bool isSelectorEntry(const Json& entry);
+
+}  // namespace qev::proxies
