@@ -4,7 +4,9 @@
 
 #include <system_error>
 
+#include "base/constants.h"
 #include "bridge/literals.h"
+#include "storage/data_folder.h"
 #include "base/redaction.h"
 
 namespace qev::bridge {
@@ -22,10 +24,15 @@ struct CompletionGate {
 }  // namespace
 
 NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
-    : profile_(std::move(profile)), seams_(std::move(seams)), log_(profile_.paths.log) {
-  std::error_code ec;
-  std::filesystem::create_directories(profile_.paths.appSupport, ec);
-  ::chmod(profile_.paths.appSupport.c_str(), 0700);
+    : profile_(std::move(profile)),
+      seams_(std::move(seams)),
+      log_(profile_.paths.log),
+      protectedFiles_(profile_.paths, profile_.userName),
+      settings_(profile_.paths, selection_, log_),
+      plaintextCleanup_(profile_.paths, protectedFiles_),
+      geoData_(profile_.paths),
+      autoLaunch_(profile_.platform, profile_.paths, settings_, log_) {
+  prepareStorage();
   registerCommands();
 }
 
@@ -34,10 +41,40 @@ NativeBridge::~NativeBridge() {
   executors_.stop();
 }
 
+void NativeBridge::prepareStorage() {
+  storage::migrateAppSupportDirectoryIfNeeded(profile_.paths, systemLog_);
+  storage::createDataFolder(profile_.paths);
+  plaintextCleanup_.runAtStartup();
+  settings_.ensureLocalSettings();
+
+  const Json settings = settings_.readSettings();
+  const auto stringOr = [&settings](const char* key, std::string fallback) {
+    const auto it = settings.find(key);
+    return (it != settings.end() && it->is_string()) ? it->get<std::string>() : fallback;
+  };
+  selection_.set({stringOr("lastSelectedProxyGroup", std::string(kSelectorGroup)),
+                  stringOr("lastSelectedProxyName", "")});
+  const auto wish = settings.find("proxyEnabled");
+  initialProxyWish_ = wish != settings.end() && wish->is_boolean() && wish->get<bool>();
+
+  geoData_.ensureGeoDataFiles();
+}
+
 void NativeBridge::setAnswerSink(std::weak_ptr<AnswerSink> sink) { sink_ = std::move(sink); }
 
 void NativeBridge::registerCommands() {
   // Each part adds its commands here; a name missing from the table resolves false.
+  commands_["getSettings"] = [this](const Json&, Resolve resolve, Reject) {
+    resolve(settings_.readSettings());
+  };
+  commands_["setAutoLaunch"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    auto result = autoLaunch_.setAutoLaunch(boolArg(firstArg(args)));
+    if (result) {
+      resolve(std::move(result).value());
+    } else {
+      reject(result.error());
+    }
+  };
 }
 
 void NativeBridge::receive(std::string_view channel, const Json& body) {

@@ -11,7 +11,14 @@
 #include "base/main_queue.h"
 #include "bridge/commands.h"
 #include "bridge/diagnostic_log.h"
+#include "storage/auto_launch.h"
+#include "storage/geo_data.h"
+#include "storage/plaintext_cleanup.h"
 #include "storage/profile.h"
+#include "storage/protected_files.h"
+#include "storage/selection_memory.h"
+#include "storage/settings_store.h"
+#include "storage/system_log.h"
 
 namespace qev::bridge {
 
@@ -72,11 +79,22 @@ class NativeBridge {
  private:
   void registerCommands();
   void deliver(Answer answer);
+  // Migrates, repairs and loads the on-disk state, in start-up order; never fails outward.
+  void prepareStorage();
 
   storage::Profile profile_;
   ShellSeams seams_;
   base::Executors executors_;
   DiagnosticLog log_;
+  // Local storage.
+  storage::SystemLog systemLog_;
+  storage::ProtectedFiles protectedFiles_;
+  storage::SelectionMemory selection_;  // the last chosen proxy, loaded from the settings
+  storage::SettingsStore settings_;
+  storage::PlaintextCleanup plaintextCleanup_;
+  storage::GeoData geoData_;
+  storage::AutoLaunch autoLaunch_;
+  bool initialProxyWish_ = false;  // the saved "proxyEnabled", for the system-proxy state
   CommandTable commands_;
   std::weak_ptr<AnswerSink> sink_;  // main thread only
   std::atomic<std::size_t> inFlight_{0};

@@ -29,10 +29,13 @@ class ProtectedFiles {
 
   // Masks, encodes, writes atomically, then restricts to 0600.
   std::error_code writeProtectedData(std::string_view data, const fs::path& file) const;
+  // The text's UTF-8 bytes, written as above.
+  std::error_code writeProtectedString(std::string_view text, const fs::path& file) const;
   // Nothing only when the file cannot be read.
   std::optional<std::string> readProtectedData(const fs::path& file) const;
   // Plain bytes for the core at the runtime-config path, then 0600.
   std::error_code writeRuntimeConfigData(std::string_view data) const;
+  // Owner read and write only (0600) on whatever is at `file`.
   static std::error_code protectFile(const fs::path& file);
 
  private:
