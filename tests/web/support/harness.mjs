@@ -29,7 +29,7 @@ function loadDeployment() {
   const defaults = readFileSync(join(sourceDir, 'cmake/Deployment.cmake'), 'utf8');
   const cachePath = stageDir ? resolve(stageDir, '../../CMakeCache.txt') : '';
   const cache = cachePath && existsSync(cachePath) ? readFileSync(cachePath, 'utf8') : '';
-  const value = (name) => (cache && cacheSetting(cache, name)) ?? cmakeSetting(defaults, name);
+  const value = (name) => (cache ? cacheSetting(cache, name) : null) ?? cmakeSetting(defaults, name);
   const platform = process.platform === 'darwin' ? 'darwin' : 'linux';
   return Object.freeze({
     platform,
