@@ -108,15 +108,15 @@ describe('credential retry', () => {
   });
 
   it('offers every distinct credential once and returns the first answer when all fail', async () => {
-    const storage = { auth_data: 'same', authorization: 'same', token: 'T' };
+    const storage = { auth_data: 'A', authorization: 'T', token: 'T' };
     await withPage({ ...withApiBase, storage }, async (page, window) => {
       const panel = panelAccepting('nothing', { status: 401 });
       page.bridge.answer('httpRequest', panel.responder);
       const response = await window.fetch('/api/v1/user/info', { headers: { AUTHORIZATION: 'stale' } });
-      assert.deepEqual(panel.offered, [null, 'same', 'Bearer T', 'T']);
+      assert.deepEqual(panel.offered, [null, 'A', 'T', 'Bearer T']);
       assert.equal(response.status, 401);
       assert.equal(await response.text(), 'refused 1');
-      assert.equal(window.localStorage.getItem('authorization'), 'same');
+      assert.equal(window.localStorage.getItem('authorization'), 'T');
     });
   });
 
