@@ -4,14 +4,14 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/completions.h"
 #include "base/error.h"
 #include "base/json.h"
 
 namespace qev::bridge {
 
-// A command's two completions; each command calls exactly one of them, once, on any thread.
-using Resolve = std::function<void(Json)>;
-using Reject = std::function<void(BridgeError)>;
+using qev::Reject;
+using qev::Resolve;
 using Command = std::function<void(const Json& args, Resolve resolve, Reject reject)>;
 
 // Command name to handler; names are compared exactly, letter case included.

@@ -1,0 +1,144 @@
+#include "proxies/proxy_switch.h"
+
+#include <chrono>
+
+#include "base/constants.h"
+#include "proxies/server_list.h"
+
+namespace qev::proxies {
+
+ProxySwitch::ProxySwitch(ControllerClient& controller, net::HttpSession& session,
+                         ProxySelection& selection, const storage::SelectionMemory& memory,
+                         sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
+                         ApplyConfig applyConfig, const base::Logger& log,
+                         std::string connectivityCheckUrl)
+    : controller_(controller),
+      session_(session),
+      selection_(selection),
+      memory_(memory),
+      systemProxy_(systemProxy),
+      ensureCore_(std::move(ensureCore)),
+      applyConfig_(std::move(applyConfig)),
+      log_(log),
+      connectivityCheckUrl_(std::move(connectivityCheckUrl)) {}
+
+void ProxySwitch::getServers(Resolve resolve) {
+  ensureCore_([this, resolve = std::move(resolve)](bool) {
+    controller_.httpJSON("GET", controller_.base() + "/proxies", std::nullopt,
+                         [this, resolve](Result<Json> reply) {
+                           if (!reply) {
+                             log_.message("native.getServers.error: " + reply.error().description);
+                             resolve(false);
+                             return;
+                           }
+                           Json& body = reply.value();
+                           if (!body.is_object() || !body.contains("proxies")) {
+                             log_.message("native.getServers.empty");
+                             resolve(false);
+                             return;
+                           }
+                           auto client = normalizeProxiesForClient(std::move(body["proxies"]));
+                           if (client.alias) {
+                             log_.message("native.getServers.alias: " + std::string(kSelectorGroup) +
+                                          "->" + *client.alias);
+                           }
+                           log_.message("native.getServers.ok: " + proxySummary(client.table));
+                           resolve(std::move(client.table));
+                         });
+  });
+}
+
+void ProxySwitch::startProxy(Resolve resolve, Reject reject) {
+  if (systemProxy_.isSystemProxyDesired()) {
+    log_.message("native.startProxy.skip: already enabled");
+    resolve(true);
+    return;
+  }
+  applyConfig_(
+      [this, resolve, reject](Json) {
+        selection_.reapplyLastSelectedProxyIfNeeded([this, resolve, reject] {
+          controller_.closeConnections([this, resolve, reject] {
+            checkSelectedProxyConnectivity([this, resolve, reject](bool available) {
+              if (!available) {
+                auto error = BridgeError::native(8, "NODE_UNAVAILABLE");
+                log_.message("native.startProxy.unavailable: " + error.description);
+                reject(std::move(error));
+                return;
+              }
+              systemProxy_.requestSystemProxy(true, "startProxy.confirm", [this, resolve] {
+                log_.message("native.startProxy.ok");
+                resolve(true);
+              });
+            });
+          });
+        });
+      },
+      [this, reject](BridgeError error) {
+        log_.message("native.startProxy.error: " + error.description);
+        reject(std::move(error));
+      });
+}
+
+void ProxySwitch::stopProxy(Resolve resolve) {
+  if (!systemProxy_.isSystemProxyDesired()) {
+    log_.message("native.stopProxy.skip: already disabled");
+    resolve(true);
+    return;
+  }
+  systemProxy_.requestSystemProxy(false, "stopProxy", [this, resolve = std::move(resolve)] {
+    log_.message("native.stopProxy.ok");
+    resolve(true);
+  });
+}
+
+void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
+  const auto remembered = memory_.get();
+  const std::string group =
+      remembered.group.empty() ? std::string(kSelectorGroup) : remembered.group;
+  net::HttpRequest probe;
+  probe.url = controller_.base() + "/proxies/" + percentEncodePathComponent(group) +
+              "/delay?timeout=6000&url=" + percentEncodePathComponent(connectivityCheckUrl_);
+  probe.timeout = std::chrono::seconds(8);
+  session_.send(std::move(probe), [this, group, completion = std::move(completion)](
+                                      Result<net::HttpResponse> reply) {
+    long status = 0;
+    std::string delay = "none";
+    bool available = false;
+    if (reply) {
+      status = reply.value().status;
+      const Json body = Json::parse(reply.value().body, nullptr, false);
+      if (status >= 200 && status <= 299 && body.is_object() && body.contains("delay")) {
+        available = true;
+        delay = body["delay"].dump();
+      }
+    }
+    log_.message(std::string("native.proxy.health: available=") + (available ? "true" : "false") +
+                 " status=" + std::to_string(status) + " delay=" + delay + " node=" + group);
+    completion(available);
+  });
+}
+
+void ProxySwitch::restoreProxyIfNeeded() {
+  if (!systemProxy_.isSystemProxyDesired()) return;
+  log_.message("native.proxy.restore.start");
+  ensureCore_([this](bool ready) {
+    if (!ready) {
+      log_.message("native.proxy.restore.noController");
+      return;
+    }
+    selection_.reapplyLastSelectedProxyIfNeeded([this] {
+      checkSelectedProxyConnectivity([this](bool available) {
+        if (available) {
+          systemProxy_.requestSystemProxy(true, "startup.restore",
+                                          [this] { log_.message("native.proxy.restore.ok"); });
+        } else {
+          systemProxy_.requestSystemProxy(false, "startup.unavailable", [this] {
+            log_.message("native.proxy.restore.unavailable");
+          });
+        }
+      });
+    });
+  });
+}
+
+}  // namespace qev::proxies

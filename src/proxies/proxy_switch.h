@@ -1,0 +1,52 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "base/completions.h"
+#include "base/logger.h"
+#include "net/http_session.h"
+#include "proxies/controller_client.h"
+#include "proxies/proxy_selection.h"
+#include "storage/selection_memory.h"
+#include "sysproxy/system_proxy_requests.h"
+
+namespace qev::proxies {
+
+// Applies the stored configuration to the core (the configuration command with no arguments).
+using ApplyConfig = std::function<void(Resolve, Reject)>;
+
+// The connect and disconnect buttons, the node probe behind them, the server list, and the
+// restore of the user's proxy choice at start.
+class ProxySwitch {
+ public:
+  ProxySwitch(ControllerClient& controller, net::HttpSession& session, ProxySelection& selection,
+              const storage::SelectionMemory& memory, sysproxy::SystemProxyRequests& systemProxy,
+              EnsureCore ensureCore, ApplyConfig applyConfig, const base::Logger& log,
+              std::string connectivityCheckUrl);
+
+  // The core's proxy table for the page, or false when the core cannot be asked. Never rejects.
+  void getServers(Resolve resolve);
+  // Applies the configuration, re-selects the node, probes it, and only then switches the
+  // system proxy on; rejects "NODE_UNAVAILABLE" (code 8) when the node does not answer.
+  void startProxy(Resolve resolve, Reject reject);
+  // Switches the system proxy off; the core keeps running.
+  void stopProxy(Resolve resolve);
+  // The core's delay test of the remembered group ("SELECT" when none).
+  void checkSelectedProxyConnectivity(BoolCompletion completion);
+  // Switches the system proxy back on after a passing check when the user left it on.
+  void restoreProxyIfNeeded();
+
+ private:
+  ControllerClient& controller_;
+  net::HttpSession& session_;
+  ProxySelection& selection_;
+  const storage::SelectionMemory& memory_;
+  sysproxy::SystemProxyRequests& systemProxy_;
+  EnsureCore ensureCore_;
+  ApplyConfig applyConfig_;
+  const base::Logger& log_;
+  std::string connectivityCheckUrl_;
+};
+
+}  // namespace qev::proxies
