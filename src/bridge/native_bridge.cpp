@@ -27,6 +27,7 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
     : profile_(std::move(profile)),
       seams_(std::move(seams)),
       log_(profile_.paths.log),
+      http_(executors_),
       protectedFiles_(profile_.paths, profile_.userName),
       settings_(profile_.paths, selection_, log_),
       plaintextCleanup_(profile_.paths, protectedFiles_),
@@ -38,6 +39,7 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
 
 NativeBridge::~NativeBridge() {
   // Stop every source of callbacks before the parts they call into are destroyed.
+  http_.stop();
   executors_.stop();
 }
 

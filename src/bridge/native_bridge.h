@@ -11,6 +11,7 @@
 #include "base/main_queue.h"
 #include "bridge/commands.h"
 #include "bridge/diagnostic_log.h"
+#include "net/http_session.h"
 #include "storage/auto_launch.h"
 #include "storage/geo_data.h"
 #include "storage/plaintext_cleanup.h"
@@ -86,6 +87,7 @@ class NativeBridge {
   ShellSeams seams_;
   base::Executors executors_;
   DiagnosticLog log_;
+  net::HttpSession http_;  // shared by the controller client, downloads and the page relay
   // Local storage.
   storage::SystemLog systemLog_;
   storage::ProtectedFiles protectedFiles_;
