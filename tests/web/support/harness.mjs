@@ -239,7 +239,8 @@ export class Page {
   }
 
   // jsdom has no fetch: the page gets Node's Response and Headers, and a page-level fetch
-  // that records what reaches it and answers 200 "page:" + URL.
+  // that records what reaches it and answers with pageFetchAnswer(url, init) (by default
+  // 200 "page:" + URL; a test may replace it, also from `before`).
   installNetworkGlobals() {
     const page = this;
     this.window.Response = Response;
@@ -248,7 +249,8 @@ export class Page {
     this.pageFetchAnswer = (url) => new Response(`page:${url}`, { status: 200 });
     this.window.fetch = function pageFetch(input, init) {
       page.pageFetches.push({ input, init });
-      return Promise.resolve(page.pageFetchAnswer(typeof input === 'string' ? input : String(input.url || input)));
+      const url = typeof input === 'string' ? input : String(input.url || input);
+      return Promise.resolve().then(() => page.pageFetchAnswer(url, init));
     };
   }
 
