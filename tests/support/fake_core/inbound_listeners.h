@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <thread>
+
+#include "core_log.h"
+
+namespace fake_core {
+
+struct InboundPorts {
+  int http = 0;
+  int socks = 0;
+  int mixed = 0;
+};
+
+// The core's HTTP, SOCKS and mixed inbound ports, held open as plain listening sockets whose
+// connections are accepted and closed at once. Not thread-safe: the runtime serialises calls.
+class InboundListeners {
+ public:
+  explicit InboundListeners(CoreLog& log);
+  ~InboundListeners();
+  InboundListeners(const InboundListeners&) = delete;
+  InboundListeners& operator=(const InboundListeners&) = delete;
+
+  // Re-creates every listener whose port or host changed; port 0 closes it. A failed bind is
+  // logged as the core logs it, and that port then reads 0.
+  void apply(const InboundPorts& wanted, const std::string& host);
+  InboundPorts bound() const;
+  void closeAll();
+
+ private:
+  struct Listener {
+    Listener(const char* start, const char* error) : startLabel(start), errorLabel(error) {}
+    const char* startLabel;  // "HTTP proxy", ...
+    const char* errorLabel;  // "HTTP", ...
+    int port = 0;            // bound port; 0 when closed
+    std::string host;
+    int fd = -1;
+    std::thread acceptor;
+  };
+
+  void recreate(Listener& listener, int port, const std::string& host);
+  static void close(Listener& listener);
+
+  CoreLog& log_;
+  Listener http_{"HTTP proxy", "HTTP"};
+  Listener socks_{"SOCKS proxy", "SOCKS"};
+  Listener mixed_{"Mixed(http+socks) proxy", "Mixed(http+socks)"};
+};
+
+}  // namespace fake_core
