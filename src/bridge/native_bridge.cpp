@@ -148,6 +148,8 @@ void NativeBridge::restoreProxyIfNeeded() {
 
 void NativeBridge::shutdown() {
   if (shutDown_.exchange(true)) return;
+  // No plaintext configuration outlives the run that wrote it.
+  plaintextCleanup_.removeRuntimePlaintextConfigs();
   log_.message("native.shutdown.complete");
 }
 
