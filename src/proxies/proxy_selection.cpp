@@ -114,8 +114,8 @@ void ProxySelection::findSelectorGroup(const std::string& name,
           completion(selector);
           return;
         }
-        for (const auto& [key, entry] : table.items()) {
-          if (isSelectorEntry(entry) && groupHolds(entry, name)) {
+        for (const auto& key : groupSearchOrder(table)) {
+          if (isSelectorEntry(table[key]) && groupHolds(table[key], name)) {
             completion(key);
             return;
           }

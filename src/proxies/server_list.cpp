@@ -1,5 +1,6 @@
 #include "proxies/server_list.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -68,15 +69,22 @@ ClientProxyTable normalizeProxiesForClient(Json table) {
     visible[selector] = std::move(copy);
     return {std::move(visible), group};
   };
-  for (auto preferred : kPreferredGroups) {
-    const std::string group(preferred);
-    const auto it = visible.find(group);
-    if (it != visible.end() && isSelectorEntry(*it)) return aliasFrom(group);
-  }
-  for (const auto& [key, entry] : visible.items()) {
-    if (isSelectorEntry(entry)) return aliasFrom(key);
+  for (const auto& group : groupSearchOrder(visible)) {
+    if (isSelectorEntry(visible[group])) return aliasFrom(group);
   }
   return {std::move(visible), std::nullopt};
+}
+
+std::vector<std::string> groupSearchOrder(const Json& table) {
+  std::vector<std::string> order;
+  if (!table.is_object()) return order;
+  for (auto preferred : kPreferredGroups) {
+    if (table.contains(preferred)) order.emplace_back(preferred);
+  }
+  for (const auto& [key, entry] : table.items()) {
+    if (std::find(order.begin(), order.end(), key) == order.end()) order.push_back(key);
+  }
+  return order;
 }
 
 std::string proxySummary(const Json& value) {

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/json.h"
 
@@ -25,5 +26,10 @@ std::string proxySummary(const Json& value);
 
 // Whether an entry is a group the user may switch ("Selector", any letter case).
 bool isSelectorEntry(const Json& entry);
+
+// The table's keys with the main groups of the known panels first (the product's own group,
+// "GLOBAL", "Proxy", "🚀 节点选择"), then the rest in table order: the order in which a group
+// is looked for, so a choice lands in the group that actually routes traffic.
+std::vector<std::string> groupSearchOrder(const Json& table);
 
 }  // namespace qev::proxies
