@@ -34,6 +34,10 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
       geoData_(profile_.paths),
       autoLaunch_(profile_.platform, profile_.paths, settings_, log_) {
   prepareStorage();
+  systemProxy_ = std::make_unique<sysproxy::SystemProxyRequests>(
+      sysproxy::makeSystemProxyBackend(profile_, log_),
+      [this](bool enabled) { settings_.persistProxyEnabled(enabled); },
+      executors_.makeSerialQueue("qev.native.systemProxy.apply"), log_, initialProxyWish_);
   registerCommands();
 }
 

@@ -20,6 +20,7 @@
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
 #include "storage/system_log.h"
+#include "sysproxy/system_proxy_requests.h"
 
 namespace qev::bridge {
 
@@ -76,6 +77,8 @@ class NativeBridge {
 
   const storage::Profile& profile() const { return profile_; }
   const DiagnosticLog& log() const { return log_; }
+  // Wishes for the system proxy (start/stop, selection, restore at start, shutdown).
+  sysproxy::SystemProxyRequests& systemProxy() { return *systemProxy_; }
 
  private:
   void registerCommands();
@@ -97,6 +100,8 @@ class NativeBridge {
   storage::GeoData geoData_;
   storage::AutoLaunch autoLaunch_;
   bool initialProxyWish_ = false;  // the saved "proxyEnabled", for the system-proxy state
+  // System proxy: created once the saved wish is loaded, so it starts from the user's choice.
+  std::unique_ptr<sysproxy::SystemProxyRequests> systemProxy_;
   CommandTable commands_;
   std::weak_ptr<AnswerSink> sink_;  // main thread only
   std::atomic<std::size_t> inFlight_{0};
