@@ -2,3 +2,6 @@
 list(APPEND QEV_CONCURRENCY_TESTS)
 list(APPEND QEV_CORE_PORT_TESTS)
 list(APPEND QEV_CONCURRENCY_TESTS sysproxy_requests_test)
+list(APPEND QEV_CORE_PORT_TESTS fake_core_test)
+list(APPEND QEV_CORE_PORT_TESTS proxy_flow_test)
+list(APPEND QEV_CORE_PORT_TESTS relay_http_test relay_headless_test)
