@@ -60,11 +60,7 @@ void ConfigCommands::updateConfig(const Json& args, Resolve resolve, Reject reje
     deps_.runtimeSettings.updateRuntimeConfig(*arg, std::move(resolve), std::move(reject));
     return;
   }
-  if (auto mode = runtimeModeFromArgs(args)) {
-    deps_.runtimeSettings.updateRuntimeConfig(Json{{"mode", *mode}}, std::move(resolve),
-                                              std::move(reject));
-    return;
-  }
+  if (forwardMode(args, resolve, reject)) return;
   if (arg == nullptr || !arg->is_string()) {
     reject(BridgeError::native(1, "missing subscribe URL"));
     return;
@@ -75,6 +71,12 @@ void ConfigCommands::updateConfig(const Json& args, Resolve resolve, Reject reje
     return;
   }
   download(url, std::move(resolve), std::move(reject));
+}
+
+bool ConfigCommands::forwardMode(const Json& args, const Resolve& resolve, const Reject& reject) {
+  auto mode = runtimeModeFromArgs(args);
+  if (mode) deps_.runtimeSettings.updateRuntimeConfig(Json{{"mode", *mode}}, resolve, reject);
+  return mode.has_value();
 }
 
 void ConfigCommands::download(const std::string& url, Resolve resolve, Reject reject) {
@@ -119,11 +121,7 @@ void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject rejec
       return;
     }
   }
-  if (auto mode = runtimeModeFromArgs(args)) {
-    deps_.runtimeSettings.updateRuntimeConfig(Json{{"mode", *mode}}, std::move(resolve),
-                                              std::move(reject));
-    return;
-  }
+  if (forwardMode(args, resolve, reject)) return;
   const bool namesProxy =
       (arg != nullptr && arg->is_string() && !base::trimWhitespace(arg->get<std::string>()).empty()) ||
       (arg != nullptr && arg->is_object() &&
@@ -141,11 +139,7 @@ void ConfigCommands::putConfig(const Json& args, Resolve resolve, Reject reject)
     deps_.runtimeSettings.updateRuntimeConfig(*arg, std::move(resolve), std::move(reject));
     return;
   }
-  if (auto mode = runtimeModeFromArgs(args)) {
-    deps_.runtimeSettings.updateRuntimeConfig(Json{{"mode", *mode}}, std::move(resolve),
-                                              std::move(reject));
-    return;
-  }
+  if (forwardMode(args, resolve, reject)) return;
   // May wait for the core to start: never on the calling (main) thread.
   deps_.executors.post([this, resolve = std::move(resolve), reject = std::move(reject)] {
     applyStoredConfig(resolve, reject);

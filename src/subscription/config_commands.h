@@ -49,6 +49,8 @@ class ConfigCommands {
   void putConfig(const Json& args, Resolve resolve, Reject reject);
 
  private:
+  // A mode named by the arguments goes to the live settings update; true when it did.
+  bool forwardMode(const Json& args, const Resolve& resolve, const Reject& reject);
   void download(const std::string& url, Resolve resolve, Reject reject);
   void applyStoredConfig(Resolve resolve, Reject reject);
 
