@@ -26,6 +26,12 @@ template <class Fn>
 void forEachLine(std::string_view text, Fn&& fn) {
   std::size_t start = 0;
   for (std::size_t i = 0; i < text.size();) {
+    // Only LF..CR and the lead bytes 0xC2 and 0xE2 can start a newline; skip the rest inline.
+    const auto c = static_cast<unsigned char>(text[i]);
+    if ((c < 0x0A || c > 0x0D) && c != 0xC2 && c != 0xE2) {
+      ++i;
+      continue;
+    }
     const std::size_t n = newlineLengthAt(text, i);
     if (n == 0) {
       ++i;
