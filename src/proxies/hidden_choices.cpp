@@ -21,11 +21,22 @@ constexpr std::array<std::string_view, 19> kHiddenPrefixes = {
     "남은 트래픽", "다음 초기화",       "플랜 만료",    "만료",
 };
 
+// The first bytes of all listed names and prefixes: most node names start with a flag or a
+// region and are decided by one lookup.
+constexpr std::array<bool, 256> kFirstBytes = [] {
+  std::array<bool, 256> bytes{};
+  for (std::string_view name : kHiddenNames) bytes[static_cast<unsigned char>(name.front())] = true;
+  for (std::string_view prefix : kHiddenPrefixes) {
+    bytes[static_cast<unsigned char>(prefix.front())] = true;
+  }
+  return bytes;
+}();
+
 }  // namespace
 
 bool isHiddenProxyChoice(std::string_view name) {
   const std::string_view trimmed = base::trimWhitespace(name);
-  if (trimmed.empty()) return false;
+  if (trimmed.empty() || !kFirstBytes[static_cast<unsigned char>(trimmed.front())]) return false;
   for (std::string_view hidden : kHiddenNames) {
     if (trimmed == hidden) return true;
   }
