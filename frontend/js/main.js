@@ -1,0 +1,4 @@
+// Entry point of the page.
+import { startApp } from './app.js';
+
+startApp(window);
