@@ -2,10 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <optional>
 #include <system_error>
 
 #include "base/constants.h"
 #include "bridge/literals.h"
+#include "relay/api_base.h"
 #include "storage/data_folder.h"
 #include "base/redaction.h"
 
@@ -14,6 +17,12 @@ namespace {
 
 constexpr std::string_view kBridgeChannel = "nativeBridge";
 constexpr std::string_view kLogChannel = "nativeLog";
+
+// The panel base a self-hosted deployment or a test sets; read once, at start-up.
+std::optional<std::string> apiBaseOverride() {
+  const char* value = std::getenv("QEV_API_BASE");
+  return value ? std::optional<std::string>(value) : std::nullopt;
+}
 
 // Wraps a command's completions so that only the first answer counts.
 struct CompletionGate {
@@ -28,11 +37,15 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
       seams_(std::move(seams)),
       log_(profile_.paths.log),
       http_(executors_),
+      controller_(http_, log_),
       protectedFiles_(profile_.paths, profile_.userName),
       settings_(profile_.paths, selection_, log_),
       plaintextCleanup_(profile_.paths, protectedFiles_),
       geoData_(profile_.paths),
-      autoLaunch_(profile_.platform, profile_.paths, settings_, log_) {
+      autoLaunch_(profile_.platform, profile_.paths, settings_, log_),
+      apiBase_(relay::nativeFallbackAPIBase(apiBaseOverride())),
+      httpRelay_(http_, controller_, settings_, log_, apiBase_),
+      externalLinks_(log_, seams_.mainQueue, seams_.openUrl) {
   prepareStorage();
   systemProxy_ = std::make_unique<sysproxy::SystemProxyRequests>(
       sysproxy::makeSystemProxyBackend(profile_, log_),
@@ -70,6 +83,12 @@ void NativeBridge::setAnswerSink(std::weak_ptr<AnswerSink> sink) { sink_ = std::
 
 void NativeBridge::registerCommands() {
   // Each part adds its commands here; a name missing from the table resolves false.
+  commands_["httpRequest"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    httpRelay_.nativeHttpRequest(args, std::move(resolve), std::move(reject));
+  };
+  commands_["openExternal"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    externalLinks_.openExternal(args, std::move(resolve), std::move(reject));
+  };
   commands_["getSettings"] = [this](const Json&, Resolve resolve, Reject) {
     resolve(settings_.readSettings());
   };

@@ -12,6 +12,9 @@
 #include "bridge/commands.h"
 #include "bridge/diagnostic_log.h"
 #include "net/http_session.h"
+#include "proxies/controller_client.h"
+#include "relay/external_links.h"
+#include "relay/http_relay.h"
 #include "storage/auto_launch.h"
 #include "storage/geo_data.h"
 #include "storage/plaintext_cleanup.h"
@@ -91,6 +94,7 @@ class NativeBridge {
   base::Executors executors_;
   DiagnosticLog log_;
   net::HttpSession http_;  // shared by the controller client, downloads and the page relay
+  proxies::ControllerClient controller_;  // every call to the core's controller
   // Local storage.
   storage::SystemLog systemLog_;
   storage::ProtectedFiles protectedFiles_;
@@ -99,6 +103,10 @@ class NativeBridge {
   storage::PlaintextCleanup plaintextCleanup_;
   storage::GeoData geoData_;
   storage::AutoLaunch autoLaunch_;
+  // HTTP relay for the page and external links.
+  std::string apiBase_;  // the panel API base: QEV_API_BASE when set, else the deployment's
+  relay::HttpRelay httpRelay_;
+  relay::ExternalLinks externalLinks_;
   bool initialProxyWish_ = false;  // the saved "proxyEnabled", for the system-proxy state
   // System proxy: created once the saved wish is loaded, so it starts from the user's choice.
   std::unique_ptr<sysproxy::SystemProxyRequests> systemProxy_;

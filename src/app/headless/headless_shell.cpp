@@ -2,8 +2,11 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <istream>
 #include <memory>
 #include <optional>
@@ -11,8 +14,11 @@
 #include <string>
 #include <thread>
 
+#include "base/executors.h"
 #include "base/main_queue.h"
+#include "bridge/diagnostic_log.h"
 #include "bridge/native_bridge.h"
+#include "core/process_runner.h"
 
 namespace qev::app {
 namespace {
@@ -35,6 +41,45 @@ class JsonLinesSink final : public bridge::AnswerSink {
 
  private:
   std::ostream& out_;
+};
+
+// Hands links to the desktop's default handler with xdg-open. The child runs on a pool thread so
+// the main loop never waits for it; without xdg-open on PATH the link is only logged.
+class XdgOpener {
+ public:
+  XdgOpener(std::filesystem::path logFile, std::string searchPath)
+      : log_(std::move(logFile)), searchPath_(std::move(searchPath)) {}
+
+  void open(const std::string& url) {
+    pool_.post([this, url] {
+      const auto program = findOnSearchPath("xdg-open");
+      if (program.empty()) {
+        log_.message("native.openExternal.unavailable: no handler");
+        return;
+      }
+      if (!core::runProcess(program, {url})) {
+        log_.message("native.openExternal.error: xdg-open failed");
+      }
+    });
+  }
+
+ private:
+  std::string findOnSearchPath(std::string_view name) const {
+    std::string_view rest = searchPath_;
+    while (!rest.empty()) {
+      const auto colon = rest.find(':');
+      const auto folder = rest.substr(0, colon);
+      rest = colon == std::string_view::npos ? std::string_view() : rest.substr(colon + 1);
+      if (folder.empty()) continue;
+      const auto candidate = std::filesystem::path(folder) / name;
+      if (::access(candidate.c_str(), X_OK) == 0) return candidate.string();
+    }
+    return {};
+  }
+
+  bridge::DiagnosticLog log_;
+  std::string searchPath_;
+  base::Executors pool_{1};  // declared last: stopped first, while the members above still live
 };
 
 // State shared with the reader and signal threads, which may outlive the loop.
@@ -75,8 +120,13 @@ int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   auto state = std::make_shared<LoopState>();
-  bridge::NativeBridge bridge(storage::Profile::forThisPlatform(environment),
-                              bridge::ShellSeams{state->queue, nullptr});
+  auto profile = storage::Profile::forThisPlatform(environment);
+  const char* searchPath = std::getenv("PATH");
+  // Outlives the bridge, which calls it from the main queue.
+  XdgOpener opener(profile.paths.log, searchPath ? searchPath : "");
+  bridge::NativeBridge bridge(
+      std::move(profile),
+      bridge::ShellSeams{state->queue, [&opener](const std::string& url) { opener.open(url); }});
   auto sink = std::make_shared<JsonLinesSink>(out);
   bridge.setAnswerSink(sink);
 
