@@ -40,7 +40,7 @@ export function nativeErrorMessage(error) {
   if (subscribe) {
     return { key: 'error.subscribeHttp', params: { status: subscribe[1] } };
   }
-  if (/network|timed out|could not resolve|couldn't resolve|connection refused|failed to connect/i.test(text)) {
+  if (/network|timed out|timeout was reached|resolve host|couldn't connect|could not connect|connection refused|failed to connect/i.test(text)) {
     return { key: 'error.network' };
   }
   return { key: 'error.unknown', params: { detail: text || '?' } };

@@ -1,0 +1,351 @@
+// The frontend driven like a user would, on a page with the real runtime script and a scripted
+// native side: login with both panel generations, the account summary, the subscription
+// hand-over, connecting (and a dead node), nodes and latency, settings, expiry and sign-out.
+import assert from 'node:assert/strict';
+import { describe, it } from 'node:test';
+
+import { plain } from '../support/harness.mjs';
+import { $, API, byKey, DEMO, openApp, settle, text, type, until } from './support/fake_native.mjs';
+
+const SIGNED_IN = { token: DEMO.token, auth_data: 'Bearer s1', authorization: DEMO.token };
+
+function signedIn(options = {}) {
+  return openApp({
+    storage: SIGNED_IN,
+    languages: ['en-US'],
+    ...options,
+    setUp: (native, panel) => {
+      panel.sessions.add('Bearer s1');
+      if (options.setUp) {
+        options.setUp(native, panel);
+      }
+    },
+  });
+}
+
+async function submitLogin(document, email, password) {
+  await until(() => $(document, '#email'), 'the login form');
+  type($(document, '#email'), email);
+  type($(document, '#password'), password);
+  $(document, 'form').dispatchEvent(new document.defaultView.Event('submit', { cancelable: true }));
+}
+
+function click(document, key) {
+  const element = byKey(document, key);
+  assert.ok(element, `no control ${key}`);
+  element.click();
+}
+
+async function nodesReady(document) {
+  click(document, 'tab:nodes');
+  await until(() => document.querySelectorAll('.node').length === 3, 'the node list');
+}
+
+async function withApp(options, fn) {
+  const session = options.signedIn === false ? openApp(options) : signedIn(options);
+  try {
+    await fn(session);
+  } finally {
+    await settle(5);
+    session.page.close();
+  }
+}
+
+describe('login', () => {
+  const refusals = [
+    ['v1 wrong password', 'v1', DEMO.email, 'wrong-password', '邮箱或密码错误', 500],
+    ['v2 wrong password', 'v2', DEMO.email, 'wrong-password', '邮箱或密码错误', 400],
+    ['v2 unknown account', 'v2', 'nobody@qev.test', DEMO.password, '邮箱或密码错误', 400],
+    ['password too short (validation)', 'v1', DEMO.email, 'short', '密码必须大于8位数', 422],
+  ];
+  for (const [name, generation, email, password, message, status] of refusals) {
+    it(`shows the panel's words: ${name}`, async () => {
+      await withApp({ signedIn: false, generation }, async ({ document, window, panel }) => {
+        await submitLogin(document, email, password);
+        await until(() => $(document, '#login-error'), 'the error');
+        assert.equal(text(document, '#login-error'), message);
+        assert.equal($(document, '#login-error').getAttribute('role'), 'alert');
+        assert.equal(panel.requests.at(-1).path, '/api/v1/passport/auth/login');
+        assert.equal(window.localStorage.getItem('auth_data'), null);
+        assert.equal(byKey(document, 'login-submit').disabled, false, `the form is usable again after ${status}`);
+        assert.equal(window.document.activeElement, $(document, '#password'));
+      });
+    });
+  }
+
+  it('asks for what is missing before sending anything', async () => {
+    await withApp({ signedIn: false, languages: ['en'] }, async ({ document, page }) => {
+      await submitLogin(document, '  ', '');
+      assert.equal(text(document, '#login-error'), 'Enter your e-mail address.');
+      assert.equal($(document, '#email').getAttribute('aria-invalid'), 'true');
+      await submitLogin(document, DEMO.email, '');
+      assert.equal(text(document, '#login-error'), 'Enter your password.');
+      assert.equal(page.bridge.httpRequests().filter((r) => r.url.includes('/login')).length, 0);
+    });
+  });
+
+  it('an unreachable panel is said in words', async () => {
+    await withApp({ signedIn: false, languages: ['en'] }, async ({ document, page }) => {
+      page.bridge.answer('httpRequest', () => {
+        throw new Error("Couldn't connect to server");
+      });
+      await submitLogin(document, DEMO.email, DEMO.password);
+      await until(() => $(document, '#login-error'), 'the error');
+      assert.equal(text(document, '#login-error'), 'Cannot reach the server. Check your network and try again.');
+    });
+  });
+
+  for (const generation of ['v1', 'v2']) {
+    it(`${generation}: signs in, shows the account and hands the subscription over`, async () => {
+      await withApp({ signedIn: false, generation }, async ({ document, window, page, panel, native }) => {
+        await submitLogin(document, DEMO.email, DEMO.password);
+        await until(() => $(document, '#plan-name'), 'the account summary');
+        // The runtime stored the session as it does for the vendor's frontend.
+        const credential = [...panel.sessions][0];
+        assert.equal(window.localStorage.getItem('token'), DEMO.token);
+        assert.equal(window.localStorage.getItem('auth_data'), credential);
+        const summary = panel.requests.filter((r) => r.path === '/api/v1/user/getSubscribe');
+        assert.equal(summary[0].headers.authorization, credential, 'the first request already carries the session');
+        assert.equal(text(document, '#plan-name'), '标准套餐');
+        assert.equal(text(document, '.traffic-used'), '已用 2.34 GB / 共 100 GB');
+        assert.equal($(document, '[role=progressbar]').getAttribute('aria-valuenow'), '2');
+        const facts = Array.from(document.querySelectorAll('.fact')).map((fact) => [
+          fact.querySelector('dt').textContent, fact.querySelector('dd').firstChild.textContent, text(fact, '.fact-note')]);
+        assert.match(facts[0][1], /^2026-12-3[01]$/, 'the expiry date in the local time zone');
+        assert.match(facts[0][2], /^剩余 \d+ 天$/);
+        assert.deepEqual([facts[0][0], facts[1]], ['到期', ['流量重置', '12 天后', '']]);
+        // The warm-up gives the native side the subscription; the node list follows.
+        await until(() => native.subscribeLinks.length === 1, 'the subscription hand-over');
+        assert.equal(native.subscribeLinks[0], `${API}/api/v1/client/subscribe?token=${DEMO.token}&flag=clash.meta`);
+        await until(() => text(document, '.node-row-name') === 'HK-01', 'the selected node');
+        assert.ok(page.bridge.logs.includes('frontend.login.ok'));
+      });
+    });
+  }
+
+  it('waits for the runtime\'s reload after the first login of a session, then carries on', async () => {
+    await withApp({ signedIn: false, session: {} }, async ({ document, page }) => {
+      await submitLogin(document, DEMO.email, DEMO.password);
+      await until(() => page.navigationAttempts > 0, 'the reload');
+      await until(() => $(document, '#plan-name'), 'the account summary');
+    });
+  });
+});
+
+describe('connecting', () => {
+  it('a dead node shows as unavailable, another node connects, disconnect switches off', async () => {
+    await withApp({ setUp: (native) => {
+      native.deadNodes.add('HK-01');
+      native.table = true;
+      native.coreRunning = true;
+    } }, async ({ document, native, page }) => {
+      await until(() => text(document, '.node-row-name') === 'HK-01', 'the selected node');
+      assert.equal(text(document, '#connect-status'), 'Not connected');
+      click(document, 'connect');
+      await until(() => $(document, '.connect .alert'), 'the unavailable state');
+      assert.deepEqual(Array.from($(document, '.connect .alert').children).map((e) => e.textContent),
+        ['The selected node is unavailable', 'Choose another node under Nodes and try again.', 'Choose a node']);
+      assert.equal(native.proxyEnabled, false);
+      assert.equal(byKey(document, 'connect').getAttribute('data-state'), 'problem');
+      assert.equal(document.getElementById('announcer').textContent,
+        'The selected node is unavailable. Choose another node under Nodes and try again.');
+
+      click(document, 'choose-node');
+      await until(() => document.querySelectorAll('.node').length === 3, 'the node list');
+      assert.equal($(document, '.node[aria-pressed=true] .node-name').textContent, 'HK-01');
+      click(document, 'node:JP-02 东京');
+      await until(() => text(document, '.nodes .notice') === 'Switched to JP-02 东京.', 'the switch');
+      assert.deepEqual(plain(page.bridge.calls('setProxy').map((c) => c.args)), [['JP-02 东京']]);
+      assert.equal($(document, '.node[aria-pressed=true] .node-name').textContent, 'JP-02 东京');
+
+      click(document, 'tab:home');
+      assert.equal(text(document, '.node-row-name'), 'JP-02 东京');
+      assert.equal(byKey(document, 'connect').getAttribute('data-state'), 'off', 'a new node may be tried again');
+      click(document, 'connect');
+      await until(() => text(document, '#connect-status') === 'Connected', 'the connection');
+      assert.equal(native.proxyEnabled, true);
+      assert.equal(text(document, '.power-label'), 'Disconnect');
+
+      click(document, 'connect');
+      await until(() => text(document, '#connect-status') === 'Not connected', 'the disconnection');
+      assert.equal(native.proxyEnabled, false);
+      assert.equal(page.bridge.calls('stopProxy').length, 1);
+    });
+  });
+
+  it('other failures say what went wrong; a running proxy shows as connected at start', async () => {
+    await withApp({}, async ({ document, page }) => {
+      page.bridge.answer('startProxy', () => {
+        throw new Error('mihomo start timeout');
+      });
+      await until(() => byKey(document, 'connect'), 'the home page');
+      click(document, 'connect');
+      await until(() => $(document, '.connect .alert'), 'the failure');
+      assert.equal(text(document, '.connect .alert'), 'Connection failed: The proxy core did not start in time.');
+    });
+    await withApp({ setUp: (native) => { native.proxyEnabled = true; } }, async ({ document }) => {
+      await until(() => text(document, '#connect-status') === 'Connected', 'the connected state');
+    });
+  });
+});
+
+describe('nodes', () => {
+  it('measures latency through the controller and shows each result', async () => {
+    await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, page }) => {
+      await nodesReady(document);
+      assert.equal(text(document, '.node-item:nth-child(1) .delay'), '88 ms', 'the core\'s last measurement');
+      click(document, 'test-latency');
+      await until(() => !byKey(document, 'test-latency').disabled, 'the end of the test');
+      const delays = Array.from(document.querySelectorAll('.node-item')).map((item) => [
+        item.querySelector('.node-name').textContent, item.querySelector('.delay').textContent, item.querySelector('.delay').className]);
+      assert.deepEqual(delays, [
+        ['HK-01', '35 ms', 'delay delay-fast'],
+        ['JP-02 东京', '320 ms', 'delay delay-fair'],
+        ['US/03 Los Angeles', 'Timed out', 'delay delay-slow'],
+      ]);
+      const urls = page.bridge.httpRequests().map((r) => r.url).filter((url) => url.includes('/delay'));
+      assert.ok(urls.includes('http://127.0.0.1:33212/proxies/US%2F03%20Los%20Angeles/delay?timeout=5000&url=http%3A%2F%2Fwww.gstatic.com%2Fgenerate_204'));
+    });
+  });
+
+  it('updates the subscription with the stored link and reports failures', async () => {
+    await withApp({
+      storage: { ...SIGNED_IN, __nativeLastSubscribeUrl: `${API}/api/v1/client/subscribe?token=x&flag=clash.meta` },
+      setUp: (native) => { native.table = true; native.coreRunning = true; },
+    }, async ({ document, native, page }) => {
+      await nodesReady(document);
+      click(document, 'refresh-subscription');
+      await until(() => text(document, '.nodes .notice') === 'Subscription updated.', 'the update');
+      assert.ok(native.subscribeLinks.includes(`${API}/api/v1/client/subscribe?token=x&flag=clash.meta`));
+      page.bridge.answer('updateConfig', () => {
+        throw new Error('subscribe HTTP 403');
+      });
+      click(document, 'refresh-subscription');
+      await until(() => $(document, '.nodes .alert'), 'the failure');
+      assert.equal(text(document, '.nodes .alert'), 'Could not update the subscription: The subscription download failed (HTTP 403).');
+    });
+  });
+
+  it('a core that is down remembers the choice and says so', async () => {
+    await withApp({ setUp: (native) => { native.table = true; } }, async ({ document }) => {
+      await nodesReady(document);
+      click(document, 'node:US/03 Los Angeles');
+      await until(() => $(document, '.nodes .notice'), 'the notice');
+      assert.equal(text(document, '.nodes .notice'),
+        'The proxy core is not running. US/03 Los Angeles is remembered for the next connection.');
+    });
+  });
+
+  it('a refused switch keeps the old node and says why', async () => {
+    await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, page }) => {
+      page.bridge.answer('setProxy', () => {
+        throw new Error('Selector update error: proxy not exist');
+      });
+      await nodesReady(document);
+      click(document, 'node:JP-02 东京');
+      await until(() => $(document, '.nodes .alert'), 'the error');
+      assert.equal(text(document, '.nodes .alert'), 'Could not switch to JP-02 东京: Something went wrong: Selector update error: proxy not exist');
+      assert.equal($(document, '.node[aria-pressed=true] .node-name').textContent, 'HK-01');
+    });
+  });
+});
+
+describe('settings', () => {
+  it('routing mode, TUN, start at login, website and version', async () => {
+    await withApp({ setUp: (native) => { native.coreRunning = true; native.table = true; } }, async ({ document, page, native }) => {
+      await until(() => $(document, '#plan-name'), 'the home page');
+      click(document, 'tab:settings');
+      assert.equal($(document, '#mode-rule').checked, true);
+      assert.equal(text(document, '.version'), '5.1.0');
+
+      $(document, '#mode-global').click();
+      await until(() => native.settings.mode === 'global', 'the mode change');
+      const modeCalls = page.bridge.calls('updateConfig').filter((c) => typeof c.args[0] === 'object');
+      assert.deepEqual(plain(modeCalls.map((c) => c.args)), [[{ mode: 'global' }]]);
+      assert.equal($(document, '#mode-global').checked, true);
+
+      native.refuseTun = true;
+      $(document, '#tun').click();
+      await until(() => !$(document, '#tun').disabled, 'the TUN answer');
+      assert.equal($(document, '#tun').checked, false);
+      assert.equal(text(document, '.settings .alert'), 'Administrator approval was refused, so TUN mode stays off.');
+      native.refuseTun = false;
+      $(document, '#tun').click();
+      await until(() => !$(document, '#tun').disabled, 'the TUN answer');
+      assert.equal($(document, '#tun').checked, true);
+      assert.equal($(document, '.settings .alert'), null);
+
+      $(document, '#auto-launch').click();
+      await until(() => !$(document, '#auto-launch').disabled, 'the start-at-login answer');
+      assert.equal($(document, '#auto-launch').checked, true);
+      assert.deepEqual(plain(page.bridge.calls('setAutoLaunch')[0].args), [{ openAtLogin: true }]);
+
+      await until(() => !byKey(document, 'website').disabled, 'the website address');
+      click(document, 'website');
+      await until(() => page.bridge.calls('openExternal').length === 1, 'the external link');
+      assert.deepEqual(plain(page.bridge.calls('openExternal')[0].args), ['https://panel.qev.test']);
+    });
+  });
+
+  it('a mode chosen while the core is down is saved for later', async () => {
+    await withApp({}, async ({ document, native }) => {
+      await until(() => $(document, '#plan-name'), 'the home page');
+      click(document, 'tab:settings');
+      $(document, '#mode-direct').click();
+      await until(() => $(document, '.settings .notice'), 'the notice');
+      assert.equal(text(document, '.settings .notice'), 'Saved. It applies once the proxy core runs.');
+      assert.equal($(document, '#mode-direct').checked, true);
+      assert.equal(native.settings.mode, 'direct');
+    });
+  });
+
+  it('switches the language everywhere and remembers it', async () => {
+    await withApp({ languages: ['zh-CN'] }, async ({ document, window }) => {
+      await until(() => $(document, '#plan-name'), 'the home page');
+      assert.equal(document.documentElement.lang, 'zh-CN');
+      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['首页', '节点', '设置']);
+      byKey(document, 'lang-toggle').focus();
+      click(document, 'lang-toggle');
+      assert.equal(document.documentElement.lang, 'en');
+      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['Home', 'Nodes', 'Settings']);
+      assert.equal(text(document, '.traffic-used'), '2.34 GB of 100 GB used');
+      assert.equal(window.localStorage.getItem('qev.language'), 'en');
+      assert.equal(document.activeElement, byKey(document, 'lang-toggle'), 'focus stays on the toggle');
+      click(document, 'tab:settings');
+      const select = $(document, '#language');
+      select.value = 'zh-CN';
+      select.dispatchEvent(new window.Event('change'));
+      assert.equal(text(document, '.view-title'), '设置');
+    });
+  });
+});
+
+describe('session end', () => {
+  it('an expired session returns to the login with a reason and forgets the credentials', async () => {
+    await withApp({ setUp: (native, panel) => panel.sessions.clear() }, async ({ document, window, page }) => {
+      await until(() => $(document, '#login-error'), 'the login page');
+      assert.equal(text(document, '#login-error'), 'Your session has expired. Please sign in again.');
+      assert.equal(window.localStorage.getItem('auth_data'), null);
+      assert.equal(window.localStorage.getItem('token'), null);
+      // The runtime tried every stored credential before giving up.
+      assert.ok(page.bridge.logged('native.auth.retry:').length >= 2);
+      assert.equal(window.sessionStorage.getItem('qev.loginNotice'), 'expired', 'the reason survives the reload');
+    });
+  });
+
+  it('signing out switches the proxy off, forgets the session and starts a fresh page', async () => {
+    await withApp({ setUp: (native) => { native.proxyEnabled = true; } }, async ({ document, window, page, native }) => {
+      await until(() => text(document, '#connect-status') === 'Connected', 'the connected state');
+      await until(() => $(document, '#plan-name'), 'the account');
+      click(document, 'tab:settings');
+      assert.equal(text(document, '.email'), DEMO.email);
+      click(document, 'logout');
+      await until(() => $(document, '#email'), 'the login page');
+      assert.equal(native.proxyEnabled, false);
+      assert.equal(window.localStorage.getItem('auth_data'), null);
+      assert.equal($(document, '#email').value, DEMO.email, 'the address is kept for the next login');
+      assert.equal($(document, '.tabs'), null);
+      await until(() => page.navigationAttempts > 0, 'the reload');
+    });
+  });
+});
