@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string_view>
 
 namespace qev {
@@ -10,6 +11,14 @@ inline constexpr int kSocksProxyPort = 33211;
 inline constexpr int kControllerPort = 33212;
 inline constexpr std::string_view kControllerBase = "http://127.0.0.1:33212";
 inline constexpr std::string_view kProxyHost = "127.0.0.1";
+
+// Time budgets of the core's controller and launcher.
+inline constexpr std::chrono::milliseconds kControllerRequestTimeout{10000};
+inline constexpr std::chrono::milliseconds kControllerProbeTimeout{800};
+inline constexpr std::chrono::milliseconds kControllerPollInterval{400};
+inline constexpr std::chrono::milliseconds kCoreStartWait{30000};   // after a launch
+inline constexpr std::chrono::milliseconds kCoreReloadWait{15000};  // after a configuration reload
+inline constexpr std::chrono::milliseconds kStaleCorePause{250};    // between pkill and pkill -9
 
 // The selector group name the frontend uses.
 inline constexpr std::string_view kSelectorGroup = "SELECT";

@@ -235,6 +235,16 @@ int drainUntilExit(pid_t pid, Fd& out, Fd& err, std::string& outText, std::strin
 
 }  // namespace
 
+Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
+                                           const std::vector<std::string>& arguments) {
+  auto err = makePipe();
+  if (!err) return BridgeError::system(errorText(errno, path), errno);
+  const Spawned child = spawn(path, arguments, -1, err->write.get());
+  err->write.reset();
+  if (child.pid < 0) return BridgeError::system(errorText(child.error, path), child.error);
+  return ErrorPipedChild{child.pid, err->read.release()};
+}
+
 bool runProcess(const std::string& path, const std::vector<std::string>& arguments) {
   // The output does not matter, so it goes to /dev/null: nothing to drain, nothing to block on.
   const Spawned child = spawn(path, arguments, -1, -1);

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
+
 namespace qev::core {
 
 struct ProcessOutput {
@@ -19,5 +21,16 @@ bool runProcess(const std::string& path, const std::vector<std::string>& argumen
 // As runProcess, and returns what the program printed. Both pipes are drained while the child
 // runs, so a chatty program cannot block on a full pipe.
 ProcessOutput runProcessOutput(const std::string& path, const std::vector<std::string>& arguments);
+
+// A child left running: standard input and output on /dev/null, standard error on a pipe whose
+// read end (close-on-exec) now belongs to the caller.
+struct ErrorPipedChild {
+  int pid = -1;
+  int errorPipe = -1;
+};
+
+// Starts a long-running program such as the proxy core. Fails with the launch error's text.
+Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
+                                           const std::vector<std::string>& arguments);
 
 }  // namespace qev::core

@@ -199,6 +199,8 @@ class HttpSession::Impl {
         gate_(std::make_shared<DeliveryGate>()) {
     ensureCurlInitialised();
     multi_ = curl_multi_init();
+    // As many parallel connections to one host as a browser opens; more requests wait their turn.
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, 6L);
     worker_ = std::thread([this] { run(); });
   }
 

@@ -11,41 +11,14 @@
 #include <vector>
 
 #include "net/url.h"
+#include "net_loopback_server.h"
 
 namespace qev::net {
 namespace {
 
 using namespace std::chrono_literals;
 
-// A real HTTP server on a free loopback port for the duration of a test.
-class LoopbackServer {
- public:
-  LoopbackServer() = default;
-  ~LoopbackServer() { shutdown(); }
-
-  httplib::Server& server() { return server_; }
-
-  void start() {
-    // One worker per concurrent connection: curl opens one per parallel request.
-    server_.new_task_queue = [] { return new httplib::ThreadPool(72); };
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    ASSERT_GT(port_, 0);
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  void shutdown() {
-    server_.stop();
-    if (thread_.joinable()) thread_.join();
-  }
-  std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-
- private:
-  httplib::Server server_;
-  std::thread thread_;
-  int port_ = 0;
-};
+using test::LoopbackServer;
 
 std::string headerValue(const HeaderList& headers, const std::string& name) {
   for (const auto& [key, value] : headers) {
@@ -254,6 +227,8 @@ TEST_F(HttpSessionTest, ManyConcurrentRequestsEachCompleteOnceOffTheCallerThread
   const auto caller = std::this_thread::get_id();
   for (int i = 0; i < kCount; ++i) {
     auto r = request("POST", "/echo", "n" + std::to_string(i));
+    // The test server's listen backlog is tiny, so some connects wait for a SYN retry.
+    r.timeout = 30s;
     session_.send(r, [&, i](Result<HttpResponse> result) {
       ++calls;
       if (std::this_thread::get_id() == caller) onCaller = true;

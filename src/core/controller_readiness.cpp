@@ -1,0 +1,62 @@
+#include "core/controller_readiness.h"
+
+#include <memory>
+#include <utility>
+
+#include "net/url.h"
+
+namespace qev::core {
+
+ControllerReadiness::ControllerReadiness(net::HttpSession& session,
+                                         proxies::ControllerClient& controller,
+                                         base::Executors& executors, ReadinessTimings timings)
+    : session_(session), controller_(controller), executors_(executors), timings_(timings) {}
+
+void ControllerReadiness::isControllerReady(std::function<void(bool)> completion) {
+  const std::string url = controller_.base() + "/";
+  if (!net::parseUrl(url)) {
+    completion(false);
+    return;
+  }
+  net::HttpRequest request;
+  request.method = "GET";
+  request.url = url;
+  request.timeout = timings_.probeTimeout;
+  session_.send(std::move(request),
+                [completion = std::move(completion)](Result<net::HttpResponse> reply) {
+                  completion(reply.ok());
+                });
+}
+
+void ControllerReadiness::waitForController(std::chrono::milliseconds budget,
+                                            std::function<void(bool)> completion) {
+  poll(std::chrono::system_clock::now() + budget, std::move(completion));
+}
+
+void ControllerReadiness::poll(std::chrono::system_clock::time_point deadline,
+                               std::function<void(bool)> completion) {
+  isControllerReady([this, deadline, completion = std::move(completion)](bool ready) mutable {
+    if (ready) {
+      completion(true);
+      return;
+    }
+    if (std::chrono::system_clock::now() >= deadline) {
+      completion(false);
+      return;
+    }
+    executors_.postAfter(timings_.pollInterval,
+                         [this, deadline, completion = std::move(completion)]() mutable {
+                           poll(deadline, std::move(completion));
+                         });
+  });
+}
+
+void ControllerReadiness::ensureProxyPorts(std::function<void()> completion) {
+  const Json body = {{"port", kHttpProxyPort}, {"socks-port", kSocksProxyPort}};
+  controller_.httpJSON("PUT", controller_.base() + "/configs", body,
+                       [completion = std::move(completion)](const Result<Json>&) {
+                         if (completion) completion();
+                       });
+}
+
+}  // namespace qev::core
