@@ -1,0 +1,106 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/constants.h"
+#include "base/executors.h"
+#include "base/logger.h"
+#include "core/controller_readiness.h"
+#include "proxies/controller_client.h"
+#include "storage/profile.h"
+
+namespace qev::core {
+
+// What the launcher needs from storage, the runtime configuration and TUN mode.
+struct CoreHooks {
+  std::function<bool()> prepareRuntimeConfigFile;  // plaintext file for the core in place
+  std::function<bool()> hasRunnableConfig;
+  std::function<void()> removeRuntimePlaintextConfigs;
+  std::function<void()> ensureGeoDataFiles;
+  std::function<bool()> readTunSetting;
+  std::function<bool()> tunAdminAuthorizationFailed;
+  std::function<void()> rollbackTunAfterAdminFailure;
+};
+
+struct SupervisorTimings {
+  std::chrono::milliseconds startWait = kCoreStartWait;
+  std::chrono::milliseconds reloadWait = kCoreReloadWait;
+  std::chrono::milliseconds stalePause = kStaleCorePause;
+};
+
+// The pkill to sweep stray cores with: /usr/bin/pkill on macOS, the one on PATH elsewhere.
+std::string pkillPath(storage::Platform platform);
+
+// Runs the proxy core as a child process: sweeps stale copies, launches it through the libs
+// folder's launcher, logs its exit, and joins concurrent restart requests into one.
+class MihomoSupervisor {
+ public:
+  using Completion = std::function<void(bool)>;
+
+  MihomoSupervisor(const storage::Profile& profile, const base::Logger& log,
+                   const base::Logger& systemLog, base::Executors& executors,
+                   ControllerReadiness& readiness, proxies::ControllerClient& controller,
+                   CoreHooks hooks, SupervisorTimings timings = {});
+  // Stops watching the core (it keeps running; shutdown terminates it first). The executors
+  // must be stopped before, so that no restart is running.
+  ~MihomoSupervisor();
+  MihomoSupervisor(const MihomoSupervisor&) = delete;
+  MihomoSupervisor& operator=(const MihomoSupervisor&) = delete;
+
+  // pkill -f each stale-core pattern, a pause, then pkill -9 -f each. Blocking.
+  void killStaleMihomo() const;
+  // Sweep, then launch a new core. Blocking; never on the main thread.
+  void restartMihomo();
+  // Restarts the core and reports whether its controller answered in time; requests made while
+  // a restart runs join it and receive its outcome. Returns at once.
+  void restartMihomoSerialized(const std::string& reason, Completion completion);
+  // Starts the core when its controller does not answer (and a configuration exists).
+  void ensureMihomoRunning(Completion completion);
+  // Makes the core take up a newly written configuration: reload, or restart.
+  void reloadOrRestartMihomo(Completion completion);
+  // SIGTERM to the launched core, if it still runs; does not wait.
+  void terminate();
+
+  // Whether the core was restarted once in this run with TUN on; TUN switching resets it.
+  void setTunRuntimeEnsured(bool value) { tunRuntimeEnsured_ = value; }
+  bool tunRuntimeEnsured() const { return tunRuntimeEnsured_; }
+
+ private:
+  struct Child;
+  struct Watcher {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+
+  void finishRestart(bool value);
+  void watch(std::shared_ptr<Child> child, int errorPipe);
+
+  const storage::Profile& profile_;
+  const base::Logger& log_;
+  const base::Logger& systemLog_;
+  base::Executors& executors_;
+  ControllerReadiness& readiness_;
+  proxies::ControllerClient& controller_;
+  CoreHooks hooks_;
+  SupervisorTimings timings_;
+
+  std::mutex restartMutex_;  // the restart-join state below
+  bool restartInProgress_ = false;
+  std::vector<Completion> restartCompletions_;
+  std::atomic<bool> tunRuntimeEnsured_{false};
+
+  std::mutex childMutex_;          // the core's record and its watchers
+  std::shared_ptr<Child> child_;   // the most recently launched core
+  std::vector<Watcher> watchers_;  // one per launch, joined once their core ended
+  bool closing_ = false;
+  int wakePipe_[2] = {-1, -1};  // written once at destruction to release the watchers
+};
+
+}  // namespace qev::core
