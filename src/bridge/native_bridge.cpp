@@ -8,6 +8,7 @@
 
 #include "base/constants.h"
 #include "bridge/literals.h"
+#include "qev/deployment.h"
 #include "relay/api_base.h"
 #include "storage/data_folder.h"
 #include "base/redaction.h"
@@ -45,13 +46,61 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
       autoLaunch_(profile_.platform, profile_.paths, settings_, log_),
       apiBase_(relay::nativeFallbackAPIBase(apiBaseOverride())),
       httpRelay_(http_, controller_, settings_, log_, apiBase_),
-      externalLinks_(log_, seams_.mainQueue, seams_.openUrl) {
+      externalLinks_(log_, seams_.mainQueue, seams_.openUrl),
+      runtimeConfig_(profile_.paths, protectedFiles_, settings_, log_),
+      tunRollback_(profile_.paths, settings_, runtimeConfig_, log_),
+      readiness_(http_, controller_, executors_) {
   prepareStorage();
   systemProxy_ = std::make_unique<sysproxy::SystemProxyRequests>(
       sysproxy::makeSystemProxyBackend(profile_, log_),
       [this](bool enabled) { settings_.persistProxyEnabled(enabled); },
       executors_.makeSerialQueue("qev.native.systemProxy.apply"), log_, initialProxyWish_);
+  buildCoreParts();
   registerCommands();
+}
+
+void NativeBridge::buildCoreParts() {
+  core::CoreHooks hooks{
+      [this] { return runtimeConfig_.prepareRuntimeConfigFile(); },
+      [this] { return runtimeConfig_.hasRunnableConfig(); },
+      [this] { plaintextCleanup_.removeRuntimePlaintextConfigs(); },
+      [this] { geoData_.ensureGeoDataFiles(); },
+      [this] { return settings_.readTunSetting(); },
+      [this] { return tunRollback_.tunAdminAuthorizationFailed(); },
+      [this] { tunRollback_.rollbackTunAfterAdminFailure(); },
+  };
+  supervisor_ = std::make_unique<core::MihomoSupervisor>(profile_, log_, systemLog_, executors_,
+                                                         readiness_, controller_, std::move(hooks));
+  auto ensureCore = [this](BoolCompletion done) {
+    supervisor_->ensureMihomoRunning(std::move(done));
+  };
+  proxySelection_ = std::make_unique<proxies::ProxySelection>(controller_, selection_, settings_,
+                                                              *systemProxy_, ensureCore, log_);
+  runtimeSettings_ =
+      std::make_unique<proxies::RuntimeSettings>(controller_, settings_, ensureCore, log_);
+  configCommands_ = std::make_unique<subscription::ConfigCommands>(subscription::ConfigCommandsDeps{
+      http_, executors_, profile_.paths, protectedFiles_, runtimeConfig_, settings_, selection_,
+      *systemProxy_, *proxySelection_, *runtimeSettings_,
+      [this](BoolCompletion done) { supervisor_->reloadOrRestartMihomo(std::move(done)); },
+      [this] { geoData_.ensureGeoDataFiles(); }, [this] { return apiBase_; },
+      profile_.platformName, log_});
+  proxySwitch_ = std::make_unique<proxies::ProxySwitch>(
+      controller_, http_, *proxySelection_, selection_, *systemProxy_, ensureCore,
+      [this](Resolve resolve, Reject reject) {
+        configCommands_->putConfig(Json::array(), std::move(resolve), std::move(reject));
+      },
+      log_, std::string(deployment::kConnectivityCheckUrl));
+  tunSwitch_ = std::make_unique<core::TunSwitch>(
+      settings_, runtimeConfig_, tunRollback_,
+      core::TunSwitchHooks{
+          [this](std::string reason, BoolCompletion done) {
+            supervisor_->restartMihomoSerialized(reason, std::move(done));
+          },
+          [this](bool ensured) { supervisor_->setTunRuntimeEnsured(ensured); },
+          [this](DoneCompletion done) {
+            proxySelection_->reapplyLastSelectedProxyIfNeeded(std::move(done));
+          }},
+      log_);
 }
 
 NativeBridge::~NativeBridge() {
@@ -88,6 +137,38 @@ void NativeBridge::registerCommands() {
   };
   commands_["openExternal"] = [this](const Json& args, Resolve resolve, Reject reject) {
     externalLinks_.openExternal(args, std::move(resolve), std::move(reject));
+  };
+  commands_["getConfig"] = [this](const Json&, Resolve resolve, Reject) {
+    resolve(configCommands_->configPayload());
+  };
+  commands_["updateConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    configCommands_->updateConfig(args, std::move(resolve), std::move(reject));
+  };
+  commands_["writeConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    configCommands_->writeConfig(args, std::move(resolve), std::move(reject));
+  };
+  commands_["putConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    configCommands_->putConfig(args, std::move(resolve), std::move(reject));
+  };
+  commands_["normalizeConfig"] = [this](const Json&, Resolve resolve, Reject reject) {
+    configCommands_->normalizeConfig(std::move(resolve), std::move(reject));
+  };
+  commands_["getServers"] = [this](const Json&, Resolve resolve, Reject) {
+    proxySwitch_->getServers(std::move(resolve));
+  };
+  commands_["setProxy"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    proxySelection_->setProxy(args, std::move(resolve), std::move(reject));
+  };
+  commands_["startProxy"] = [this](const Json&, Resolve resolve, Reject reject) {
+    proxySwitch_->startProxy(std::move(resolve), std::move(reject));
+  };
+  const Command stop = [this](const Json&, Resolve resolve, Reject) {
+    proxySwitch_->stopProxy(std::move(resolve));
+  };
+  commands_["closeProxy"] = stop;
+  commands_["stopProxy"] = stop;
+  commands_["setTun"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    tunSwitch_->setTun(boolArg(firstArg(args)), std::move(resolve), std::move(reject));
   };
   commands_["getSettings"] = [this](const Json&, Resolve resolve, Reject) {
     resolve(settings_.readSettings());
@@ -165,12 +246,14 @@ void NativeBridge::deliver(Answer answer) {
   if (auto sink = sink_.lock()) sink->deliver(answer);
 }
 
-void NativeBridge::restoreProxyIfNeeded() {
-  // Filled in with the system-proxy restore chain.
-}
+void NativeBridge::restoreProxyIfNeeded() { proxySwitch_->restoreProxyIfNeeded(); }
 
 void NativeBridge::shutdown() {
   if (shutDown_.exchange(true)) return;
+  // Quitting leaves the proxy off, at the next launch too.
+  systemProxy_->switchOffForShutdown();
+  supervisor_->terminate();
+  supervisor_->killStaleMihomo();
   // No plaintext configuration outlives the run that wrote it.
   plaintextCleanup_.removeRuntimePlaintextConfigs();
   log_.message("native.shutdown.complete");

@@ -11,8 +11,15 @@
 #include "base/main_queue.h"
 #include "bridge/commands.h"
 #include "bridge/diagnostic_log.h"
+#include "core/controller_readiness.h"
+#include "core/mihomo_supervisor.h"
+#include "core/runtime_config.h"
+#include "core/tun_mode.h"
 #include "net/http_session.h"
 #include "proxies/controller_client.h"
+#include "proxies/proxy_selection.h"
+#include "proxies/proxy_switch.h"
+#include "proxies/runtime_settings.h"
 #include "relay/external_links.h"
 #include "relay/http_relay.h"
 #include "storage/auto_launch.h"
@@ -23,6 +30,7 @@
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
 #include "storage/system_log.h"
+#include "subscription/config_commands.h"
 #include "sysproxy/system_proxy_requests.h"
 
 namespace qev::bridge {
@@ -88,6 +96,8 @@ class NativeBridge {
   void deliver(Answer answer);
   // Migrates, repairs and loads the on-disk state, in start-up order; never fails outward.
   void prepareStorage();
+  // Builds the parts that drive the core, once storage and the system proxy exist.
+  void buildCoreParts();
 
   storage::Profile profile_;
   ShellSeams seams_;
@@ -110,6 +120,17 @@ class NativeBridge {
   bool initialProxyWish_ = false;  // the saved "proxyEnabled", for the system-proxy state
   // System proxy: created once the saved wish is loaded, so it starts from the user's choice.
   std::unique_ptr<sysproxy::SystemProxyRequests> systemProxy_;
+  // Core supervision: the runtime configuration, readiness, launcher and TUN mode.
+  core::RuntimeConfig runtimeConfig_;
+  core::TunRollback tunRollback_;
+  core::ControllerReadiness readiness_;
+  std::unique_ptr<core::MihomoSupervisor> supervisor_;
+  // Proxy selection, configuration commands and TUN switching (they need the system proxy).
+  std::unique_ptr<proxies::ProxySelection> proxySelection_;
+  std::unique_ptr<proxies::RuntimeSettings> runtimeSettings_;
+  std::unique_ptr<subscription::ConfigCommands> configCommands_;
+  std::unique_ptr<proxies::ProxySwitch> proxySwitch_;
+  std::unique_ptr<core::TunSwitch> tunSwitch_;
   CommandTable commands_;
   std::weak_ptr<AnswerSink> sink_;  // main thread only
   std::atomic<std::size_t> inFlight_{0};

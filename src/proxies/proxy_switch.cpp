@@ -95,6 +95,27 @@ void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
   const auto remembered = memory_.get();
   const std::string group =
       remembered.group.empty() ? std::string(kSelectorGroup) : remembered.group;
+  if (group != kSelectorGroup) {
+    probeGroup(group, std::move(completion));
+    return;
+  }
+  // "SELECT" is the page's name for the main group; a core whose subscription has no group of
+  // that name is probed through the group the page sees behind it.
+  controller_.httpJSON(
+      "GET", controller_.base() + "/proxies", std::nullopt,
+      [this, group, completion = std::move(completion)](Result<Json> reply) mutable {
+        std::string target = group;
+        if (reply && reply.value().is_object() && reply.value().contains("proxies")) {
+          const Json& table = reply.value()["proxies"];
+          if (table.is_object() && !table.contains(group)) {
+            if (auto alias = normalizeProxiesForClient(table).alias) target = *alias;
+          }
+        }
+        probeGroup(target, std::move(completion));
+      });
+}
+
+void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion) {
   net::HttpRequest probe;
   probe.url = controller_.base() + "/proxies/" + percentEncodePathComponent(group) +
               "/delay?timeout=6000&url=" + percentEncodePathComponent(connectivityCheckUrl_);

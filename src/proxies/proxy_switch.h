@@ -32,12 +32,15 @@ class ProxySwitch {
   void startProxy(Resolve resolve, Reject reject);
   // Switches the system proxy off; the core keeps running.
   void stopProxy(Resolve resolve);
-  // The core's delay test of the remembered group ("SELECT" when none).
+  // The core's delay test of the remembered group ("SELECT" when none, which stands for the
+  // group the page sees behind that name when the core has no group of its own by it).
   void checkSelectedProxyConnectivity(BoolCompletion completion);
   // Switches the system proxy back on after a passing check when the user left it on.
   void restoreProxyIfNeeded();
 
  private:
+  void probeGroup(const std::string& group, BoolCompletion completion);
+
   ControllerClient& controller_;
   net::HttpSession& session_;
   ProxySelection& selection_;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <sstream>
 
 #include "../support/testing/doubles_harness.h"
 #include "headless_process.h"
@@ -111,8 +112,16 @@ TEST_F(ProxyFlowTest, SubscriptionToRunningCoreToSystemProxyAndBack) {
   ASSERT_TRUE(mode);
   EXPECT_NE((*mode).find("result"), mode->end()) << mode->dump();
   EXPECT_EQ(settingsFile(*qev)["mode"], "global");
-  EXPECT_NE(readText(dir_.path() / "core-requests.jsonl").find(R"("mode":"global")"),
-            std::string::npos);
+  bool patched = false;
+  std::istringstream requests(readText(dir_.path() / "core-requests.jsonl"));
+  for (std::string line; std::getline(requests, line);) {
+    const Json request = Json::parse(line, nullptr, false);
+    if (request.is_object() && request.value("method", "") == "PATCH" &&
+        Json::parse(request.value("body", ""), nullptr, false) == Json{{"mode", "global"}}) {
+      patched = true;
+    }
+  }
+  EXPECT_TRUE(patched);
 
   // 3. Start: the probe passes and the system proxy is on.
   auto started = qev->call("5", "startProxy");
