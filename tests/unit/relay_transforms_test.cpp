@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "base/cipher.h"
 #include "base/json.h"
 #include "net/url.h"
 #include "qev/deployment.h"
@@ -219,6 +220,35 @@ TEST(ApiBaseTest, DeploymentBaseIsDecipheredWhenNoUsableOverride) {
   EXPECT_TRUE(url->scheme == "https" || url->scheme == "http");
   EXPECT_FALSE(url->host.empty());
   EXPECT_FALSE(fallback.ends_with("/"));
+}
+
+TEST(ApiBaseTest, PageScriptsFollowAnOverriddenBase) {
+  std::string stored;
+  for (const auto byte : deployment::kPanelApiBaseCipher) {
+    stored += (stored.empty() ? "" : ", ") + std::to_string(byte);
+  }
+  const std::string script = "const a = Object.freeze([" + stored + "]);\nconst b = [" + stored +
+                             "];\nconst other = [1, 2];\n";
+  const std::string changed = withPageApiBase(script, "http://127.0.0.1:4000");
+  // Both lists now decipher to the override; everything else is untouched.
+  std::vector<std::string> lists;
+  for (auto open = changed.find('['); open != std::string::npos;
+       open = changed.find('[', open + 1)) {
+    lists.push_back(changed.substr(open + 1, changed.find(']', open) - open - 1));
+  }
+  ASSERT_EQ(lists.size(), 3u) << changed;
+  for (int i = 0; i < 2; ++i) {
+    std::vector<std::uint8_t> bytes;
+    std::size_t at = 0;
+    while (at < lists[i].size()) {
+      std::size_t used = 0;
+      bytes.push_back(static_cast<std::uint8_t>(std::stoi(lists[i].substr(at), &used)));
+      at += used + 2;  // ", "
+    }
+    EXPECT_EQ(base::decipher(bytes, deployment::kCipherKey), "http://127.0.0.1:4000");
+  }
+  EXPECT_EQ(lists[2], "1, 2");
+  EXPECT_EQ(withPageApiBase(script, nativeFallbackAPIBase(std::nullopt)), script);
 }
 
 // --- request record and reply ------------------------------------------------------------

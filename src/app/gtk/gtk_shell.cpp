@@ -4,6 +4,7 @@
 #include <gtk/gtk.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -17,6 +18,7 @@
 #include "bridge/native_bridge.h"
 #include "qev/deployment.h"
 #include "qev/resources.h"
+#include "relay/api_base.h"
 
 namespace qev::app {
 namespace {
@@ -112,10 +114,16 @@ class DesktopShell {
         bridge::ShellSeams{mainQueue_, [this](const std::string& url) { openUrl(url); }});
 
     const auto scriptFile = resources / "nativeCompatibilityScript.js";
-    const auto script = base::readFile(scriptFile);
+    auto script = base::readFile(scriptFile);
     if (!script) bridge_->log().message("native.webview.scriptMissing: " + scriptFile.string());
-    auto scheme =
-        std::make_shared<const AssetScheme>(dist, std::string(resources::ossConfigScript()));
+    std::string ossConfig(resources::ossConfigScript());
+    // A panel base given by QEV_API_BASE applies to the page's requests as well.
+    if (const char* override = std::getenv("QEV_API_BASE"); override && *override) {
+      const auto base = relay::nativeFallbackAPIBase(std::string(override));
+      if (script) script = relay::withPageApiBase(std::move(*script), base);
+      ossConfig = relay::withPageApiBase(std::move(ossConfig), base);
+    }
+    auto scheme = std::make_shared<const AssetScheme>(dist, std::move(ossConfig));
     const WebViewStorage storage{
         std::filesystem::path(g_get_user_data_dir()) / kApplicationId / "webkit",
         std::filesystem::path(g_get_user_cache_dir()) / kApplicationId / "webkit"};
