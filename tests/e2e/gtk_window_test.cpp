@@ -370,6 +370,23 @@ TEST_F(DesktopWindowTest, ClosedWindowComesBackFromTheTrayAndFromASecondStart) {
   EXPECT_TRUE(app.app().running());
 }
 
+TEST_F(DesktopWindowTest, ShippedFrontendStartsWithoutPageErrors) {
+  const fs::path shipped = fs::path(kStageDir) / "dist";
+  if (!fs::exists(shipped / "index.html")) GTEST_SKIP() << "no frontend staged in " << shipped;
+  fs::remove_all(resources_ / "dist");
+  fs::copy(shipped, resources_ / "dist", fs::copy_options::recursive);
+  auto& app = start();
+  // The frontend asks the native side for its settings as it starts.
+  ASSERT_TRUE(app.waitForEntry("native.bridge.call", 90s)) << qevOutput();
+  ASSERT_TRUE(eventually([&] { return app.visibleWindows().size() == 1; }));
+  std::this_thread::sleep_for(3s);
+  EXPECT_TRUE(app.screenshot(artifactsDir() / "gtk-frontend.png"));
+  EXPECT_EQ(app.countLog("window.error"), 0u) << ::testing::PrintToString(app.logMessages());
+  EXPECT_EQ(app.countLog("unhandledrejection"), 0u);
+  EXPECT_EQ(app.countLog("native.webview.loadFailed"), 0u);
+  EXPECT_EQ(app.countLog("native.webview.scriptMissing"), 0u);
+}
+
 enum class QuitPath { TrayMenu, Sigterm, Sigint };
 
 struct QuitCase {
