@@ -371,6 +371,11 @@ export function startApp(window, options = {}) {
           update((s) => { s.connection = { status: 'failed', error: { key: 'connect.failed', params: { detail } } }; });
           announce(say(t, state.connection.error));
         }
+        // The explanation may land below the fold of the small window.
+        const alert = document.querySelector('.connect .alert');
+        if (alert && typeof alert.scrollIntoView === 'function') {
+          alert.scrollIntoView({ block: 'nearest' });
+        }
       }
     },
 

@@ -77,7 +77,7 @@ const zhCN = {
   'nodes.empty': '暂无可用节点，请更新订阅。',
   'nodes.current': '当前',
   'nodes.switching': '切换中…',
-  'nodes.delay': '{ms} 毫秒',
+  'nodes.delay': '{ms} ms',
   'nodes.timeout': '超时',
   'nodes.delayFailed': '不可用',
   'nodes.untested': '未测速',
