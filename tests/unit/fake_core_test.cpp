@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,6 +62,23 @@ Json parsed(const HttpReply& reply) {
   return Json::parse(reply.body, nullptr, false);
 }
 
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+bool portFree(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int yes = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool free = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return free;
+}
+
 class FakeCoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -77,10 +95,28 @@ class FakeCoreTest : public ::testing::Test {
         kFakeCore, std::move(args), "clash.mihomo", std::move(env), dir_.path()});
   }
 
-  // Starts the core on the runtime file and waits until its controller answers.
+  // Suites of other build trees on this machine start cores on the same fixed ports, so a
+  // core that binds waits until they are free first.
+  std::unique_ptr<ChildProcess> launchOnFreePorts(std::map<std::string, std::string> env = {},
+                                                  std::vector<int> ports = {33210, 33211, 33212}) {
+    EXPECT_TRUE(waitUntil([&] { return std::all_of(ports.begin(), ports.end(), portFree); }, 120s))
+        << "the fixed core ports stay taken by another program";
+    return launch({"-d", home_.string(), "-f", config_.string()}, std::move(env));
+  }
+
+  // Starts the core on the runtime file and waits until it has applied it, starting again
+  // when another program took one of the ports in the meantime.
   std::unique_ptr<ChildProcess> start(std::map<std::string, std::string> env = {}) {
-    auto core = launch({"-d", home_.string(), "-f", config_.string()}, std::move(env));
-    EXPECT_TRUE(waitUntil([&] { return httpGet(url("/")).status != 0 || !core->running(); }))
+    std::unique_ptr<ChildProcess> core;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      core = launchOnFreePorts(env);
+      waitUntil([&] {
+        return contains(core->stdoutText(), "Initial configuration complete") || !core->running();
+      });
+      const std::string out = core->stdoutText();
+      if (!contains(out, "listen error") && !contains(out, "server error")) break;
+    }
+    EXPECT_TRUE(contains(core->stdoutText(), "RESTful API listening at: 127.0.0.1:33212"))
         << core->stdoutText();
     return core;
   }
@@ -138,7 +174,7 @@ TEST_F(FakeCoreTest, RefusedConfigurationsExitOneWithOneFatalLineAndNoController
     EXPECT_NE(out.back().find("level=fatal msg=\""), std::string::npos) << out.back();
     EXPECT_NE(out.back().find(c.message), std::string::npos) << out.back();
     EXPECT_EQ(core->stderrText(), "");
-    EXPECT_EQ(httpGet(url("/")).status, 0);
+    EXPECT_FALSE(contains(core->stdoutText(), "RESTful API"));
   }
 }
 
@@ -179,7 +215,7 @@ TEST_F(FakeCoreTest, ProxyTableListsBuiltInsNodesGroupsAndGlobal) {
   ASSERT_EQ(reply.status, 200);
   EXPECT_EQ(reply.header("content-type"), "application/json");
   EXPECT_EQ(reply.body.back(), '\n');
-  const Json table = parsed(reply)["proxies"];
+  Json table = parsed(reply)["proxies"];
 
   std::vector<std::string> keys;
   for (const auto& [name, entry] : table.items()) keys.push_back(name);
@@ -302,7 +338,7 @@ TEST_F(FakeCoreTest, DelayTestsCheckTheTimeoutAndGoThroughTheCurrentMember) {
     EXPECT_EQ(reply.status, c.status);
     EXPECT_EQ(reply.body, c.body + "\n");
   }
-  const Json hk = parsed(httpGet(url("/proxies/HK-01")));
+  Json hk = parsed(httpGet(url("/proxies/HK-01")));
   ASSERT_FALSE(hk["history"].empty());
   EXPECT_EQ(hk["history"].back()["delay"], 0);  // the last test of HK-01 timed out
   EXPECT_EQ(hk["alive"], false);
@@ -345,12 +381,15 @@ TEST_F(FakeCoreTest, DelayKnobsFailAllTestsOrOnlyThoseThroughDeadNodes) {
 
 TEST_F(FakeCoreTest, RefuseSelectKnobRefusesMembersButKeepsTheEarlierChecks) {
   auto core = start({{"FAKE_CORE_REFUSE_SELECT", "1"}});
-  const HttpReply refused = put("/proxies/" + encodeSegment("QEV加速"), R"({"name":"HK-01"})");
+  const HttpReply refused = put("/proxies/" + encodeSegment("QEV加速"), R"({"name":"东京 02"})");
   EXPECT_EQ(refused.status, 400);
   EXPECT_EQ(parsed(refused)["message"], "Selector update error: proxy not exist");
   EXPECT_EQ(put("/proxies/Nope", R"({"name":"HK-01"})").status, 404);
   EXPECT_EQ(parsed(put("/proxies/HK-01", R"({"name":"HK-01"})"))["message"], "Must be a Selector");
+  EXPECT_EQ(put("/proxies/" + encodeSegment("QEV加速"), "").status, 400);
+  // Nothing was selected, nor remembered for the next start.
   EXPECT_EQ(nowOf("QEV加速"), "HK-01");
+  EXPECT_FALSE(std::filesystem::exists(home_ / "cache.db"));
 }
 
 TEST_F(FakeCoreTest, ConfigsReloadPatchAndReport) {
@@ -403,14 +442,18 @@ TEST_F(FakeCoreTest, ConfigsReloadPatchAndReport) {
   // A payload replaces the proxies; force moves the listeners.
   const std::string payload =
       "port: 33213\nexternal-controller: 127.0.0.1:33212\n"
+      "tun:\n  enable: true\n  stack: system\n  dns-hijack:\n    - any:53\n"
       "proxies:\n  - {name: P1, type: socks5, server: s, port: 1}\n";
   EXPECT_EQ(put("/configs?force=true", Json({{"payload", payload}}).dump()).status, 204);
-  const Json table = parsed(httpGet(url("/proxies")))["proxies"];
+  Json table = parsed(httpGet(url("/proxies")))["proxies"];
   EXPECT_TRUE(table.contains("P1"));
   EXPECT_FALSE(table.contains("QEV加速"));
   general = parsed(httpGet(url("/configs")));
   EXPECT_EQ(general["port"], 33213);
   EXPECT_EQ(general["socks-port"], 0);
+  EXPECT_EQ(general["tun"]["enable"], true);
+  EXPECT_EQ(general["tun"]["stack"], "System");
+  EXPECT_EQ(general["tun"]["dns-hijack"], Json::array({"any:53"}));
 }
 
 TEST_F(FakeCoreTest, RoutingConventionsAndRequestLog) {
@@ -441,7 +484,7 @@ TEST_F(FakeCoreTest, RoutingConventionsAndRequestLog) {
   EXPECT_EQ(preflight.header("access-control-allow-methods"), "PATCH");
   EXPECT_EQ(preflight.header("access-control-allow-private-network"), "true");
 
-  ASSERT_TRUE(waitUntil([&] { return lines(readText(log)).size() >= 7; }));
+  ASSERT_TRUE(waitUntil([&] { return lines(readText(log)).size() >= 6; }));
   std::vector<Json> posts;
   for (const auto& line : lines(readText(log))) {
     const Json entry = Json::parse(line);
@@ -465,8 +508,11 @@ TEST_F(FakeCoreTest, SecretNeedsBearerHeaderOnEveryRoute) {
 
   // -secret overrides the file.
   core.reset();
+  ASSERT_TRUE(
+      waitUntil([] { return portFree(33210) && portFree(33211) && portFree(33212); }, 120s));
   auto overridden = launch({"-d", home_.string(), "-f", config_.string(), "-secret", "other"});
-  ASSERT_TRUE(waitUntil([&] { return httpGet(url("/")).status != 0; }));
+  ASSERT_TRUE(
+      waitUntil([&] { return contains(overridden->stdoutText(), "RESTful API listening"); }));
   EXPECT_EQ(httpGet(url("/"), {"Authorization: Bearer s3cret"}).status, 401);
   EXPECT_EQ(httpGet(url("/"), {"Authorization: Bearer other"}).status, 200);
 }
@@ -494,25 +540,30 @@ class PortBlocker {
 };
 
 TEST_F(FakeCoreTest, PortsInUseAreLoggedAndTheCoreKeepsRunning) {
+  const auto configured = [](ChildProcess& core) {
+    return waitUntil([&] {
+      return contains(core.stdoutText(), "Initial configuration complete") || !core.running();
+    });
+  };
   {
     PortBlocker http(33210);
     ASSERT_TRUE(http.ok());
-    auto core = start();
+    auto core = launchOnFreePorts({}, {33211, 33212});
+    ASSERT_TRUE(configured(*core));
+    ASSERT_TRUE(contains(core->stdoutText(), "RESTful API listening")) << core->stdoutText();
     EXPECT_EQ(parsed(httpGet(url("/configs")))["port"], 0);
     EXPECT_EQ(parsed(httpGet(url("/configs")))["socks-port"], 33211);
-    EXPECT_NE(core->stdoutText().find("level=error msg=\"Start HTTP server error: listen tcp "
-                                      "127.0.0.1:33210: bind: address already in use\""),
-              std::string::npos);
+    EXPECT_TRUE(contains(core->stdoutText(),
+                         "level=error msg=\"Start HTTP server error: listen tcp 127.0.0.1:33210: "
+                         "bind: address already in use\""));
   }
   PortBlocker controller(33212);
   ASSERT_TRUE(controller.ok());
-  auto core = launch({"-d", home_.string(), "-f", config_.string()});
-  ASSERT_TRUE(waitUntil([&] {
-    return core->stdoutText().find("Initial configuration complete") != std::string::npos;
-  }));
-  EXPECT_NE(core->stdoutText().find("External controller listen error: listen tcp "
-                                    "127.0.0.1:33212: bind: address already in use"),
-            std::string::npos);
+  auto core = launchOnFreePorts({}, {33210, 33211});
+  ASSERT_TRUE(configured(*core));
+  EXPECT_TRUE(contains(core->stdoutText(),
+                       "External controller listen error: listen tcp 127.0.0.1:33212: bind: "
+                       "address already in use"));
   EXPECT_TRUE(core->running());
   core->signal(SIGTERM);
   EXPECT_EQ(core->waitExit(), 0);
@@ -533,7 +584,7 @@ TEST_F(FakeCoreTest, SignalsEndCleanlyOrReload) {
   core->signal(SIGHUP);
   ASSERT_TRUE(waitUntil([&] { return parsed(httpGet(url("/configs")))["mode"] == "global"; }));
   ASSERT_TRUE(waitUntil([&] { return lines(readText(configLog)).size() == 2; }));
-  const Json reload = Json::parse(lines(readText(configLog))[1]);
+  Json reload = Json::parse(lines(readText(configLog))[1]);
   EXPECT_EQ(reload["event"], "sighup");
   EXPECT_EQ(reload["path"], config_.string());
   EXPECT_NE(reload["text"].get<std::string>().find("mode: global"), std::string::npos);
@@ -553,18 +604,26 @@ TEST_F(FakeCoreTest, StartupKnobsDelayOrEndTheCore) {
   EXPECT_EQ(said->waitExit(), 1);
   EXPECT_EQ(said->stderrText(), "boom");
 
-  auto slow = launch({"-d", home_.string(), "-f", config_.string()},
-                     {{"FAKE_CORE_START_DELAY_MS", "1000"}});
+  auto slow = launchOnFreePorts({{"FAKE_CORE_START_DELAY_MS", "1000"}});
   ASSERT_TRUE(
       waitUntil([&] { return slow->stdoutText().find("in progress") != std::string::npos; }));
   EXPECT_EQ(httpGet(url("/")).status, 0);
   EXPECT_TRUE(waitUntil([&] { return httpGet(url("/")).status == 200; }));
+  slow.reset();
+
+  // Between listening and applying, the controller answers with an empty table.
+  auto gap = launchOnFreePorts({{"FAKE_CORE_APPLY_DELAY_MS", "1000"}});
+  ASSERT_TRUE(waitUntil([&] { return contains(gap->stdoutText(), "RESTful API listening"); }));
+  EXPECT_EQ(parsed(httpGet(url("/proxies"))), Json({{"proxies", Json::object()}}));
+  EXPECT_EQ(put("/proxies/GLOBAL", R"({"name":"DIRECT"})").status, 404);
+  EXPECT_TRUE(
+      waitUntil([&] { return parsed(httpGet(url("/proxies")))["proxies"].contains("GLOBAL"); }));
 }
 
 TEST_F(FakeCoreTest, HangingControllerAcceptsButNeverAnswers) {
   const auto log = dir_.path() / "requests.jsonl";
-  auto core = launch({"-d", home_.string(), "-f", config_.string()},
-                     {{"FAKE_CORE_HANG_CONTROLLER", "1"}, {"FAKE_CORE_REQUEST_LOG", log.string()}});
+  auto core = launchOnFreePorts(
+      {{"FAKE_CORE_HANG_CONTROLLER", "1"}, {"FAKE_CORE_REQUEST_LOG", log.string()}});
   ASSERT_TRUE(waitUntil(
       [&] { return core->stdoutText().find("RESTful API listening") != std::string::npos; }));
   const HttpReply reply = http(HttpCall{"GET", url("/"), std::nullopt, {}, 300ms});

@@ -218,7 +218,7 @@ TEST_F(FakePanelTest, LoginAnswersInEachGenerationsShape) {
                     {"Content-Type: application/json"});
     ASSERT_EQ(ok.status, 200);
     EXPECT_EQ(ok.body.find("操作成功"), std::string::npos);  // non-ASCII travels as \u escapes
-    const Json body = parsed(ok);
+    Json body = parsed(ok);
     EXPECT_EQ(body["data"]["token"], kToken);
     const std::string authData = body["data"]["auth_data"].get<std::string>();
     if (generation == "v1") {
@@ -265,7 +265,7 @@ TEST_F(FakePanelTest, CredentialsAreReadAsEachGenerationReadsThem) {
     const HttpReply reply = panel->get("/api/v1/user/getSubscribe", {"Authorization: " + jwt});
     ASSERT_EQ(reply.status, 200);
     EXPECT_NE(reply.body.find("http:\\/\\/127.0.0.1:"), std::string::npos);  // "/" escaped
-    const Json data = parsed(reply)["data"];
+    Json data = parsed(reply)["data"];
     EXPECT_EQ(data["subscribe_url"],
               panel->base() + "/api/v1/client/subscribe?token=" + std::string(kToken));
     EXPECT_EQ(data["transfer_enable"], 107374182400LL);
@@ -283,7 +283,7 @@ TEST_F(FakePanelTest, CredentialsAreReadAsEachGenerationReadsThem) {
   const std::string header = "Authorization: " + authData;
   const HttpReply reply = panel->get("/api/v1/user/getSubscribe", {header});
   ASSERT_EQ(reply.status, 200);
-  const Json data = parsed(reply)["data"];
+  Json data = parsed(reply)["data"];
   EXPECT_EQ(data["subscribe_url"], "https://sub.qev.test/s/" + std::string(kToken));
   EXPECT_TRUE(data.contains("device_limit"));
   EXPECT_TRUE(data.contains("next_reset_at"));
@@ -317,7 +317,7 @@ TEST_F(FakePanelTest, OtherRoutesAndTestEndpoints) {
   auto panel = startPanel();
   EXPECT_EQ(panel->get("/api/v1/client/update").status, 404);
   EXPECT_EQ(panel->get("/api/v1/guest/report/fake").status, 404);
-  const Json config = parsed(panel->get("/api/v1/guest/comm/config"))["data"];
+  Json config = parsed(panel->get("/api/v1/guest/comm/config"))["data"];
   for (const char* key :
        {"tos_url", "is_email_verify", "is_invite_force", "email_whitelist_suffix", "is_recaptcha",
         "recaptcha_site_key", "app_description", "app_url", "logo"}) {
@@ -330,16 +330,17 @@ TEST_F(FakePanelTest, OtherRoutesAndTestEndpoints) {
   EXPECT_EQ(parsed(panel->get("/api/v1/client/app/getVersion")), errorShape("v2", "token is null"));
   EXPECT_EQ(panel->get("/api/v1/passport/auth/login").status, 405);
 
-  const Json requests = parsed(panel->get("/__requests"));
+  Json requests = parsed(panel->get("/__requests"));
   ASSERT_EQ(requests.size(), 6u);
   EXPECT_EQ(requests[0]["path"], "/api/v1/client/update");
   EXPECT_EQ(requests[3]["query"]["token"], kToken);
   EXPECT_EQ(requests[3]["headers"]["host"], "127.0.0.1:" + std::to_string(panel->port()));
   panel->post("/api/v1/passport/auth/login", "email=a%40b.c&password=x", {"X-Probe: 1"});
-  const Json last = parsed(panel->get("/__requests")).back();
+  Json last = parsed(panel->get("/__requests")).back();
   EXPECT_EQ(last["method"], "POST");
   EXPECT_EQ(last["body"], "email=a%40b.c&password=x");
   EXPECT_EQ(last["headers"]["x-probe"], "1");
+  EXPECT_EQ(last["query"], Json::object());
   EXPECT_EQ(http(HttpCall{"DELETE", panel->url("/__requests"), std::nullopt, {}}).status, 204);
   EXPECT_EQ(parsed(panel->get("/__requests")), Json::array());
 

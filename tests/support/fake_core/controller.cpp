@@ -350,11 +350,7 @@ Reply Controller::routeProxies(const httplib::Request& request, const std::strin
       if (!value || !(value->is_object() || value->is_null())) return bodyInvalid();
       std::string member;
       if (!stringField(*value, "name", member)) return bodyInvalid();
-      auto result = runtime_.select(name, member);
-      if (knobs_.refuseSelect && result == ProxyTable::SelectResult::kSelected) {
-        result = ProxyTable::SelectResult::kNoSuchMember;
-      }
-      switch (result) {
+      switch (runtime_.select(name, member)) {
         case ProxyTable::SelectResult::kSelected:
           return noContent();
         case ProxyTable::SelectResult::kNotFound:

@@ -123,16 +123,22 @@ std::optional<nlohmann::json> ProxyTable::entryJson(const std::string& name) con
   return render(it->second);
 }
 
-ProxyTable::SelectResult ProxyTable::select(const std::string& group, const std::string& member) {
+ProxyTable::SelectResult ProxyTable::checkSelect(const std::string& group,
+                                                 const std::string& member) const {
   const auto it = entries_.find(group);
   if (it == entries_.end()) return SelectResult::kNotFound;
-  Entry& entry = it->second;
+  const Entry& entry = it->second;
   if (!selectable(entry)) return SelectResult::kNotSelectable;
   if (std::find(entry.all.begin(), entry.all.end(), member) == entry.all.end()) {
     return SelectResult::kNoSuchMember;
   }
-  entry.selected = member;
   return SelectResult::kSelected;
+}
+
+ProxyTable::SelectResult ProxyTable::select(const std::string& group, const std::string& member) {
+  const SelectResult result = checkSelect(group, member);
+  if (result == SelectResult::kSelected) entries_[group].selected = member;
+  return result;
 }
 
 bool ProxyTable::unpin(const std::string& group) {

@@ -28,6 +28,8 @@ class ProxyTable {
   nlohmann::json toJson() const;
   std::optional<nlohmann::json> entryJson(const std::string& name) const;
 
+  // What selecting `member` in `group` would give, without selecting.
+  SelectResult checkSelect(const std::string& group, const std::string& member) const;
   SelectResult select(const std::string& group, const std::string& member);
   // Unpins a URLTest or Fallback group; false for any other entry.
   bool unpin(const std::string& group);

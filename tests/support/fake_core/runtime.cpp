@@ -112,8 +112,12 @@ bool CoreRuntime::hasProxy(const std::string& name) const {
 
 ProxyTable::SelectResult CoreRuntime::select(const std::string& group, const std::string& member) {
   std::lock_guard lock(mutex_);
-  const auto result = table_.select(group, member);
-  if (result == ProxyTable::SelectResult::kSelected) selections_.remember(group, member);
+  const auto result = table_.checkSelect(group, member);
+  if (result != ProxyTable::SelectResult::kSelected) return result;
+  // The refusing knob turns only would-be successes into the core's membership error.
+  if (knobs_.refuseSelect) return ProxyTable::SelectResult::kNoSuchMember;
+  table_.select(group, member);
+  selections_.remember(group, member);
   return result;
 }
 

@@ -132,9 +132,15 @@ Json Panel::settingsJson() const {
 }
 
 void Panel::record(const httplib::Request& request) {
+  // From the target itself: the parsed parameters also hold the fields of a form body.
   Json query = Json::object();
-  for (const auto& [key, value] : request.params) {
-    if (!query.contains(key)) query[key] = value;
+  const auto question = request.target.find('?');
+  if (question != std::string::npos) {
+    httplib::Params params;
+    httplib::detail::parse_query_text(request.target.substr(question + 1), params);
+    for (const auto& [key, value] : params) {
+      if (!query.contains(key)) query[key] = value;
+    }
   }
   Json headers = Json::object();
   for (const auto& [name, value] : request.headers) {

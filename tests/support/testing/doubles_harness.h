@@ -6,7 +6,7 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,8 +46,8 @@ bool waitUntil(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
   return true;
 }
 
-// A program started with posix_spawn; standard output and error go to files in `outputDir`.
-// Killed and reaped on destruction if still running.
+// A program started with fork/exec; standard output and error go to files in `outputDir`.
+// Killed and reaped on destruction if still running, and killed when the test process dies.
 class ChildProcess {
  public:
   struct Options {
@@ -80,17 +80,26 @@ class ChildProcess {
     for (auto& entry : envText) envPointers.push_back(entry.data());
     envPointers.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutFile_.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderrFile_.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int error = posix_spawn(&pid_, options_.program.c_str(), &actions, nullptr,
-                                  argvPointers.data(), envPointers.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) pid_ = -1;
+    // Everything the child needs is prepared before fork: it only calls async-signal-safe
+    // functions. It dies with this process, so an aborted test leaves no core holding ports.
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(127);
+      const int in = open("/dev/null", O_RDONLY);
+      const int out = open(stdoutFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int err = open(stderrFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (in < 0 || out < 0 || err < 0) _exit(127);
+      dup2(in, STDIN_FILENO);
+      dup2(out, STDOUT_FILENO);
+      dup2(err, STDERR_FILENO);
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      execve(options_.program.c_str(), argvPointers.data(), envPointers.data());
+      _exit(127);
+    }
   }
 
   ~ChildProcess() {
