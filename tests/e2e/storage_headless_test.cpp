@@ -94,8 +94,12 @@ TEST(StorageHeadlessTest, PlaintextSubscriptionOfAnOlderVersionIsProtected) {
   EXPECT_EQ(stored.find("plain-secret"), std::string::npos);
   EXPECT_EQ(storage::decodeProtected(stored, loginName()), subscription);
   EXPECT_EQ(permissionsOf(data / ".qevjs-subscribe.dat"), 0600u);
+
+  // A runtime copy written during the run is gone after the shutdown too.
+  writeText(data / ".qevjs-runtime-config.yaml", "written for the core: plain-secret\n");
   qev.closeInput();
   EXPECT_EQ(qev.waitExit(), 0);
+  EXPECT_FALSE(fs::exists(data / ".qevjs-runtime-config.yaml"));
 }
 
 TEST(StorageHeadlessTest, LegacyFolderIsMovedAndItsSettingsLoaded) {
