@@ -2,18 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "base/logger.h"
+#include "recording_logger.h"
 #include "storage/selection_memory.h"
 #include "temp_home.h"
 
 namespace qev::core {
 namespace {
-
-class MemoryLog final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override { lines.emplace_back(text); }
-  mutable std::vector<std::string> lines;
-};
 
 class RuntimeConfigTest : public ::testing::Test {
  protected:
@@ -32,7 +26,7 @@ class RuntimeConfigTest : public ::testing::Test {
   storage::Profile profile_;
   const storage::Paths& paths_;
   storage::SelectionMemory selection_;
-  MemoryLog log_;
+  test::RecordingLogger log_;
   storage::ProtectedFiles files_;
   storage::SettingsStore settings_;
   RuntimeConfig config_;
@@ -52,7 +46,7 @@ TEST_F(RuntimeConfigTest, NothingStoredWritesNothing) {
   EXPECT_FALSE(std::filesystem::exists(paths_.protectedConfig));
   EXPECT_FALSE(config_.hasRunnableConfig());
   EXPECT_FALSE(config_.prepareRuntimeConfigFile());
-  EXPECT_TRUE(log_.lines.empty());
+  EXPECT_TRUE(log_.lines().empty());
 }
 
 TEST_F(RuntimeConfigTest, StoredSubscriptionBecomesProtectedAndPlainRuntimeConfig) {
@@ -106,8 +100,8 @@ TEST_F(RuntimeConfigTest, UnwritableDataFolderIsReportedNotThrown) {
   ASSERT_TRUE(failure);
   EXPECT_NE(failure->description.find(".qevjs-runtime-config.yaml"), std::string::npos);
   EXPECT_FALSE(config_.prepareRuntimeConfigFile());
-  ASSERT_FALSE(log_.lines.empty());
-  EXPECT_EQ(log_.lines.back().rfind("native.config.runtime.error: ", 0), 0u);
+  ASSERT_FALSE(log_.lines().empty());
+  EXPECT_EQ(log_.lines().back().rfind("native.config.runtime.error: ", 0), 0u);
 }
 
 }  // namespace

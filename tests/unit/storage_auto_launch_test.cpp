@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "recording_logger.h"
 #include "storage/auto_launch.h"
 #include "temp_home.h"
 
@@ -11,22 +12,6 @@ namespace qev::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    messages_.emplace_back(text);
-  }
-  std::vector<std::string> messages() const {
-    std::lock_guard lock(mutex_);
-    return messages_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> messages_;
-};
 
 TEST(StorageAutoLaunchTextTest, LaunchAgentPropertyList) {
   const std::string expected =
@@ -112,7 +97,7 @@ TEST_P(StorageAutoLaunchTest, EnableWritesTheFileAndMirrorsIt) {
   EXPECT_EQ(readText(paths.launchAgent), expectedText());
   EXPECT_EQ(autoLaunch.fileText(), expectedText());
   EXPECT_EQ(Json::parse(readText(paths.settings))["autoLaunch"], true);
-  EXPECT_EQ(log.messages(), std::vector<std::string>{"native.autoLaunch.set: true"});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"native.autoLaunch.set: true"});
 
   // Enabling again rewrites the same text (a stale one is replaced).
   writeText(paths.launchAgent, "stale");
@@ -131,7 +116,7 @@ TEST_P(StorageAutoLaunchTest, DisableRemovesTheFileAndSucceedsWhenNoneExists) {
   ASSERT_TRUE(again);
   EXPECT_EQ(again.value()["autoLaunch"], false);
   EXPECT_EQ(Json::parse(readText(paths.settings))["autoLaunch"], false);
-  EXPECT_EQ(log.messages().back(), "native.autoLaunch.set: false");
+  EXPECT_EQ(log.lines().back(), "native.autoLaunch.set: false");
 }
 
 TEST_P(StorageAutoLaunchTest, FailureIsLoggedAndRejectedWithoutTouchingTheSettings) {
@@ -139,8 +124,8 @@ TEST_P(StorageAutoLaunchTest, FailureIsLoggedAndRejectedWithoutTouchingTheSettin
   auto result = autoLaunch.setAutoLaunch(true);
   ASSERT_FALSE(result);
   EXPECT_FALSE(result.error().description.empty());
-  ASSERT_EQ(log.messages().size(), 1u);
-  EXPECT_TRUE(log.messages()[0].starts_with("native.autoLaunch.error: ")) << log.messages()[0];
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.lines()[0].starts_with("native.autoLaunch.error: ")) << log.lines()[0];
   EXPECT_EQ(readText(paths.settings), R"({"mode": "global", "keep": [1]})");
 }
 

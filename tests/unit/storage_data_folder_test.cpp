@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "recording_logger.h"
 #include "storage/data_folder.h"
 #include "storage/geo_data.h"
 #include "storage/plaintext_cleanup.h"
@@ -17,22 +18,6 @@ namespace qev::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    messages_.emplace_back(text);
-  }
-  std::vector<std::string> messages() const {
-    std::lock_guard lock(mutex_);
-    return messages_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> messages_;
-};
 
 std::set<std::string> namesIn(const fs::path& folder) {
   std::set<std::string> names;
@@ -74,7 +59,7 @@ TEST_P(StorageDataFolderTest, LegacyFolderAloneIsMovedWhole) {
   // One rename: the files keep their timestamps.
   EXPECT_EQ(fs::last_write_time(current(".qevjs-config.dat")), old);
   EXPECT_EQ(permissionsOf(paths.appSupport), 0700u);
-  EXPECT_TRUE(systemLog.messages().empty());
+  EXPECT_TRUE(systemLog.lines().empty());
 }
 
 TEST_P(StorageDataFolderTest, BothFoldersMergeWithTheCurrentOneWinning) {
@@ -92,7 +77,7 @@ TEST_P(StorageDataFolderTest, BothFoldersMergeWithTheCurrentOneWinning) {
   EXPECT_EQ(readText(current(".qevjs-subscribe.dat")), "legacy subscription");
   EXPECT_TRUE(fs::is_empty(current("backups")));
   EXPECT_EQ(permissionsOf(paths.appSupport), 0700u);
-  EXPECT_TRUE(systemLog.messages().empty());
+  EXPECT_TRUE(systemLog.lines().empty());
 }
 
 TEST_P(StorageDataFolderTest, LegacySubfolderIsCopiedWholeWhenTheNameIsFree) {
@@ -118,7 +103,7 @@ TEST_P(StorageDataFolderTest, FailedMergeIsReportedToTheSystemLogAndKeepsTheLega
   writeText(legacy("tmp.yaml"), "subscription");
   writeText(paths.appSupport, "a file where the data folder belongs");
   migrate();
-  const auto messages = systemLog.messages();
+  const auto messages = systemLog.lines();
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_TRUE(messages[0].starts_with("failed to merge legacy app support: ")) << messages[0];
   EXPECT_EQ(readText(legacy("tmp.yaml")), "subscription");
@@ -130,8 +115,8 @@ TEST_P(StorageDataFolderTest, UncopyableChildEndsTheMergeWithoutLosingTheLegacyF
   writeText(legacy(".qevjs-subscribe.dat"), "kept");
   fs::create_directories(paths.appSupport);
   migrate();
-  ASSERT_EQ(systemLog.messages().size(), 1u);
-  EXPECT_TRUE(systemLog.messages()[0].starts_with("failed to merge legacy app support: "));
+  ASSERT_EQ(systemLog.lines().size(), 1u);
+  EXPECT_TRUE(systemLog.lines()[0].starts_with("failed to merge legacy app support: "));
   EXPECT_EQ(readText(legacy(".qevjs-subscribe.dat")), "kept");
 }
 

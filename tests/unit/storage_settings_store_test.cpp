@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "recording_logger.h"
 #include "storage/settings_store.h"
 #include "temp_home.h"
 
@@ -11,22 +12,6 @@ namespace qev::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    messages_.emplace_back(text);
-  }
-  std::vector<std::string> messages() const {
-    std::lock_guard lock(mutex_);
-    return messages_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> messages_;
-};
 
 constexpr const char* kDefaultFile = R"({
   "apiBase": "",
@@ -158,7 +143,7 @@ TEST_P(StorageSettingsTest, PersistProxyEnabledRewritesOnlyItsKey) {
   EXPECT_EQ(file["lastSelectedProxyName"], "A");
   store.persistProxyEnabled(false);
   EXPECT_EQ(fileJson()["proxyEnabled"], false);
-  EXPECT_TRUE(log.messages().empty());
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_P(StorageSettingsTest, WriteFailuresAreReportedNotThrown) {
@@ -167,7 +152,7 @@ TEST_P(StorageSettingsTest, WriteFailuresAreReportedNotThrown) {
   store.ensureLocalSettings();  // silent
   EXPECT_EQ(store.readSettings(), Json::parse(kDefaultFile));
   store.persistProxyEnabled(true);
-  const auto messages = log.messages();
+  const auto messages = log.lines();
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_TRUE(messages[0].starts_with("native.proxyEnabled.save.error: ")) << messages[0];
   EXPECT_TRUE(store.update([](Json& s) { s["tun"] = true; }));

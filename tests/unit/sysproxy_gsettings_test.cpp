@@ -8,29 +8,16 @@
 #include <vector>
 
 #include "core/process_runner.h"
+#include "recording_logger.h"
 #include "sysproxy/gsettings_backend.h"
 #include "temp_home.h"
 
 namespace qev::sysproxy {
 namespace {
 
+using test::RecordingLogger;
+
 namespace fs = std::filesystem;
-
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(text);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> lines_;
-};
 
 std::string systemPath() {
   const char* path = std::getenv("PATH");
