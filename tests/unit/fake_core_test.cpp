@@ -591,6 +591,29 @@ TEST_F(FakeCoreTest, SignalsEndCleanlyOrReload) {
   EXPECT_EQ(reload["argv"][0], "clash.mihomo");
 }
 
+TEST_F(FakeCoreTest, RunsBehindTheLauncherUnderTheCoresProcessName) {
+  const std::string launcher = std::string(kSourceDir) + "/libs/linux/clash";
+  ASSERT_TRUE(std::filesystem::exists(launcher));
+  ASSERT_TRUE(
+      waitUntil([] { return portFree(33210) && portFree(33211) && portFree(33212); }, 120s));
+  ChildProcess core(ChildProcess::Options{launcher,
+                                          {"-d", home_.string(), "-f", config_.string()},
+                                          "",
+                                          {{"QEV_MIHOMO", kFakeCore}},
+                                          dir_.path()});
+  ASSERT_TRUE(waitUntil([&] {
+    return contains(core.stdoutText(), "Initial configuration complete");
+  })) << core.stdoutText()
+      << core.stderrText();
+  // The launcher replaced itself: same process, now named clash.mihomo.
+  std::string cmdline = readText("/proc/" + std::to_string(core.pid()) + "/cmdline");
+  std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+  EXPECT_EQ(cmdline, "clash.mihomo -d " + home_.string() + " -f " + config_.string() + " ");
+  EXPECT_EQ(parsed(httpGet(url("/")))["hello"], "mihomo");
+  core.signal(SIGTERM);
+  EXPECT_EQ(core.waitExit(), 0);
+}
+
 TEST_F(FakeCoreTest, StartupKnobsDelayOrEndTheCore) {
   auto noisy = launch({"-d", home_.string(), "-f", config_.string()},
                       {{"FAKE_CORE_EXIT_AT_START", "3"}, {"FAKE_CORE_STDERR_BYTES", "5000"}});
