@@ -109,8 +109,12 @@ std::string shellQuoted(const std::string& text) {
 class LauncherRig {
  public:
   using CoreEnvironment = std::map<std::string, std::string>;
-  explicit LauncherRig(CoreEnvironment coreEnvironment = {}, bool installLauncher = true)
+  // Restarts that are expected to fail get a short `startWait`; the others a generous one, since
+  // a sanitizer build on a busy machine starts the test core slowly.
+  explicit LauncherRig(CoreEnvironment coreEnvironment = {}, bool installLauncher = true,
+                       std::chrono::milliseconds startWait = 20s)
       : profile_(makeProfile(dir_.path())), port_(freeLoopbackPort()) {
+    timings_.startWait = startWait;
     fs::create_directories(profile_.paths.appSupport);
     if (installLauncher) writeLauncher(std::move(coreEnvironment));
     controller_ = std::make_unique<proxies::ControllerClient>(
@@ -207,7 +211,7 @@ class LauncherRig {
   test::TempDir dir_;
   storage::Profile profile_;
   int port_;
-  SupervisorTimings timings_{3000ms, 3000ms, 100ms};
+  SupervisorTimings timings_{20s, 20s, 100ms};
   RecordingLog log_;
   RecordingLog systemLog_;
   base::Executors executors_{4};
@@ -284,11 +288,7 @@ TEST(LauncherTest, ConcurrentRestartsJoinTheRunningOne) {
 }
 
 TEST(LauncherTest, MissingLauncherIsLoggedAndTheRestartEndsFalse) {
-  LauncherRig rig({}, /*installLauncher=*/false);
-  rig.timings_.startWait = 500ms;
-  rig.supervisor_ = std::make_unique<MihomoSupervisor>(rig.profile_, rig.log_, rig.systemLog_,
-                                                       rig.executors_, *rig.readiness_,
-                                                       *rig.controller_, rig.hooks(), rig.timings_);
+  LauncherRig rig({}, /*installLauncher=*/false, 500ms);
   test::writeText(rig.profile_.paths.configYaml, "leftover");
   EXPECT_FALSE(rig.restart("start"));
   EXPECT_EQ(rig.log_.linesStartingWith("native.mihomo.missingLauncher: "),
@@ -299,7 +299,7 @@ TEST(LauncherTest, MissingLauncherIsLoggedAndTheRestartEndsFalse) {
 }
 
 TEST(LauncherTest, MissingConfigurationIsLoggedAndTheRestartEndsFalse) {
-  LauncherRig rig;
+  LauncherRig rig({}, true, 1500ms);
   rig.hasConfig = false;
   EXPECT_FALSE(rig.restart("start"));
   EXPECT_EQ(rig.log_.linesStartingWith("native.mihomo.missingConfig").size(), 1u);
@@ -308,7 +308,7 @@ TEST(LauncherTest, MissingConfigurationIsLoggedAndTheRestartEndsFalse) {
 }
 
 TEST(LauncherTest, LaunchErrorGoesToBothLogs) {
-  LauncherRig rig({}, /*installLauncher=*/false);
+  LauncherRig rig({}, /*installLauncher=*/false, 1500ms);
   test::writeText(rig.profile_.paths.libs / "clash", "not executable");
   EXPECT_FALSE(rig.restart("start"));
   const auto line = rig.log_.waitFor("native.mihomo.start.error: ");
@@ -321,7 +321,8 @@ TEST(LauncherTest, LaunchErrorGoesToBothLogs) {
 
 TEST(LauncherTest, ExitLineHoldsStatusAndTheFirstThousandCharactersOfStandardError) {
   LauncherRig rig(LauncherRig::CoreEnvironment{{"FAKE_CORE_EXIT_AT_START", "1"},
-                                               {"FAKE_CORE_STDERR_BYTES", "5000"}});
+                                               {"FAKE_CORE_STDERR_BYTES", "5000"}},
+                  true, 1500ms);
   EXPECT_FALSE(rig.restart("start"));
   const auto line = rig.log_.waitFor("native.mihomo.exit: ");
   std::string expected = "native.mihomo.exit: status=1 ";
@@ -331,7 +332,8 @@ TEST(LauncherTest, ExitLineHoldsStatusAndTheFirstThousandCharactersOfStandardErr
 }
 
 TEST(LauncherTest, LauncherWithoutCoreBinaryExitsWith127) {
-  LauncherRig rig(LauncherRig::CoreEnvironment{{"QEV_MIHOMO", ""}, {"PATH", "/usr/bin:/bin"}});
+  LauncherRig rig(LauncherRig::CoreEnvironment{{"QEV_MIHOMO", ""}, {"PATH", "/usr/bin:/bin"}}, true,
+                  1500ms);
   EXPECT_FALSE(rig.restart("start"));
   const auto line = rig.log_.waitFor("native.mihomo.exit: ");
   EXPECT_EQ(line.rfind("native.mihomo.exit: status=127 clash: proxy core not found", 0), 0u)
