@@ -8,11 +8,15 @@ namespace qev::base {
 SerialQueue::SerialQueue(asio::thread_pool& pool, std::string label)
     : strand_(asio::make_strand(pool.get_executor())), label_(std::move(label)) {}
 
-void SerialQueue::post(Task task) { asio::post(strand_, std::move(task)); }
+void SerialQueue::post(Task task) {
+  asio::post(strand_, std::move(task));
+}
 
 Executors::Executors(std::size_t threads) : pool_(threads) {}
 
-Executors::~Executors() { stop(); }
+Executors::~Executors() {
+  stop();
+}
 
 void Executors::post(Task task) {
   if (stopped_) return;

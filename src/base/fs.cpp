@@ -11,7 +11,9 @@
 namespace qev::base {
 namespace {
 
-std::error_code lastError() { return {errno, std::generic_category()}; }
+std::error_code lastError() {
+  return {errno, std::generic_category()};
+}
 
 }  // namespace
 

@@ -103,7 +103,9 @@ std::string redactURLString(std::string_view text) {
   return out;
 }
 
-Json redactJSON(const Json& value) { return redactKeys(value, false); }
+Json redactJSON(const Json& value) {
+  return redactKeys(value, false);
+}
 
 Json redactURLs(const Json& value) {
   if (value.is_string()) return redactURLString(value.get_ref<const std::string&>());

@@ -5,7 +5,9 @@
 namespace qev::base {
 namespace {
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+  return c == ' ' || c == '\t';
+}
 
 // Length of the white-space or newline character that starts at text[i], or 0.
 std::size_t whitespaceLengthAt(std::string_view text, std::size_t i) {
@@ -16,7 +18,7 @@ std::size_t whitespaceLengthAt(std::string_view text, std::size_t i) {
   };
   if (c == 0xC2 && (at(1) == 0x85 || at(1) == 0xA0)) return 2;
   if (c == 0xE1 && at(1) == 0x9A && at(2) == 0x80) return 3;  // U+1680
-  if (c == 0xE2 && at(1) == 0x80) {  // U+2000-200A, U+2028, U+2029, U+202F
+  if (c == 0xE2 && at(1) == 0x80) {                           // U+2000-200A, U+2028, U+2029, U+202F
     const auto d = at(2);
     if ((d >= 0x80 && d <= 0x8A) || d == 0xA8 || d == 0xA9 || d == 0xAF) return 3;
   }

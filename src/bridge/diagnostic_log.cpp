@@ -7,8 +7,8 @@
 #include <ctime>
 
 #include "base/fs.h"
-#include "base/utf8.h"
 #include "base/redaction.h"
+#include "base/utf8.h"
 
 namespace qev::bridge {
 
@@ -29,7 +29,7 @@ void DiagnosticLog::append(const Json& payload) const noexcept {
     if (payload.is_object()) {
       const auto it = payload.find("message");
       text = (it != payload.end() && it->is_string()) ? it->get<std::string>()
-                                                       : base::describeValue(payload);
+                                                      : base::describeValue(payload);
     } else {
       text = base::describeValue(payload);
     }

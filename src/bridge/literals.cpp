@@ -11,16 +11,35 @@ namespace {
 // Appends the escape for one scalar, or the scalar's own bytes.
 void appendScalar(std::string& out, char32_t cp, std::string_view bytes) {
   switch (cp) {
-    case U'"': out += "\\\""; return;
-    case U'\\': out += "\\\\"; return;
-    case U'\b': out += "\\b"; return;
-    case U'\f': out += "\\f"; return;
-    case U'\n': out += "\\n"; return;
-    case U'\r': out += "\\r"; return;
-    case U'\t': out += "\\t"; return;
-    case 0x2028: out += "\\u2028"; return;
-    case 0x2029: out += "\\u2029"; return;
-    default: break;
+    case U'"':
+      out += "\\\"";
+      return;
+    case U'\\':
+      out += "\\\\";
+      return;
+    case U'\b':
+      out += "\\b";
+      return;
+    case U'\f':
+      out += "\\f";
+      return;
+    case U'\n':
+      out += "\\n";
+      return;
+    case U'\r':
+      out += "\\r";
+      return;
+    case U'\t':
+      out += "\\t";
+      return;
+    case 0x2028:
+      out += "\\u2028";
+      return;
+    case 0x2029:
+      out += "\\u2029";
+      return;
+    default:
+      break;
   }
   if (cp < 0x20) {
     char buf[8];
@@ -35,16 +54,19 @@ void appendScalar(std::string& out, char32_t cp, std::string_view bytes) {
 // null or an object for them.
 bool hasNonJsonValue(const Json& value) {
   switch (value.type()) {
-    case Json::value_t::number_float: return !std::isfinite(value.get<double>());
+    case Json::value_t::number_float:
+      return !std::isfinite(value.get<double>());
     case Json::value_t::binary:
-    case Json::value_t::discarded: return true;
+    case Json::value_t::discarded:
+      return true;
     case Json::value_t::object:
     case Json::value_t::array:
       for (const auto& child : value) {
         if (hasNonJsonValue(child)) return true;
       }
       return false;
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -70,7 +92,8 @@ std::string jsStringLiteral(std::string_view text) {
       continue;
     }
     char32_t cp = b0 & (0x7F >> len);
-    for (std::size_t k = 1; k < len; ++k) cp = (cp << 6) | (static_cast<unsigned char>(seq[k]) & 0x3F);
+    for (std::size_t k = 1; k < len; ++k)
+      cp = (cp << 6) | (static_cast<unsigned char>(seq[k]) & 0x3F);
     appendScalar(out, cp, seq);
     i += len;
   }
@@ -84,7 +107,8 @@ std::string jsonLiteral(const Json& value) {
       const auto& text = value.get_ref<const std::string&>();
       return base::isValidUtf8(text) ? jsStringLiteral(text) : "null";
     }
-    case Json::value_t::boolean: return value.get<bool>() ? "true" : "false";
+    case Json::value_t::boolean:
+      return value.get<bool>() ? "true" : "false";
     case Json::value_t::number_integer:
     case Json::value_t::number_unsigned:
     case Json::value_t::number_float:
@@ -97,7 +121,8 @@ std::string jsonLiteral(const Json& value) {
       } catch (const Json::exception&) {
         return "null";
       }
-    default: return "null";
+    default:
+      return "null";
   }
 }
 

@@ -7,11 +7,11 @@
 #include <system_error>
 
 #include "base/constants.h"
+#include "base/redaction.h"
 #include "bridge/literals.h"
 #include "qev/deployment.h"
 #include "relay/api_base.h"
 #include "storage/data_folder.h"
-#include "base/redaction.h"
 
 namespace qev::bridge {
 namespace {
@@ -82,8 +82,8 @@ void NativeBridge::buildCoreParts() {
       http_, executors_, profile_.paths, protectedFiles_, runtimeConfig_, settings_, selection_,
       *systemProxy_, *proxySelection_, *runtimeSettings_,
       [this](BoolCompletion done) { supervisor_->reloadOrRestartMihomo(std::move(done)); },
-      [this] { geoData_.ensureGeoDataFiles(); }, [this] { return apiBase_; },
-      profile_.platformName, log_});
+      [this] { geoData_.ensureGeoDataFiles(); }, [this] { return apiBase_; }, profile_.platformName,
+      log_});
   proxySwitch_ = std::make_unique<proxies::ProxySwitch>(
       controller_, http_, *proxySelection_, selection_, *systemProxy_, ensureCore,
       [this](Resolve resolve, Reject reject) {
@@ -92,14 +92,13 @@ void NativeBridge::buildCoreParts() {
       log_, std::string(deployment::kConnectivityCheckUrl));
   tunSwitch_ = std::make_unique<core::TunSwitch>(
       settings_, runtimeConfig_, tunRollback_,
-      core::TunSwitchHooks{
-          [this](std::string reason, BoolCompletion done) {
-            supervisor_->restartMihomoSerialized(reason, std::move(done));
-          },
-          [this](bool ensured) { supervisor_->setTunRuntimeEnsured(ensured); },
-          [this](DoneCompletion done) {
-            proxySelection_->reapplyLastSelectedProxyIfNeeded(std::move(done));
-          }},
+      core::TunSwitchHooks{[this](std::string reason, BoolCompletion done) {
+                             supervisor_->restartMihomoSerialized(reason, std::move(done));
+                           },
+                           [this](bool ensured) { supervisor_->setTunRuntimeEnsured(ensured); },
+                           [this](DoneCompletion done) {
+                             proxySelection_->reapplyLastSelectedProxyIfNeeded(std::move(done));
+                           }},
       log_);
 }
 
@@ -128,7 +127,9 @@ void NativeBridge::prepareStorage() {
   geoData_.ensureGeoDataFiles();
 }
 
-void NativeBridge::setAnswerSink(std::weak_ptr<AnswerSink> sink) { sink_ = std::move(sink); }
+void NativeBridge::setAnswerSink(std::weak_ptr<AnswerSink> sink) {
+  sink_ = std::move(sink);
+}
 
 void NativeBridge::registerCommands() {
   // Each part adds its commands here; a name missing from the table resolves false.
@@ -206,7 +207,8 @@ void NativeBridge::receive(std::string_view channel, const Json& body) {
   };
   Reject onReject = [this, gate, queue, requestId](BridgeError error) {
     if (!gate->claim()) return;
-    queue->post([this, requestId, text = std::move(error.description)] { reject(requestId, text); });
+    queue->post(
+        [this, requestId, text = std::move(error.description)] { reject(requestId, text); });
     --inFlight_;
   };
   handle(name->get<std::string>(), args, std::move(onResolve), std::move(onReject));
@@ -246,7 +248,9 @@ void NativeBridge::deliver(Answer answer) {
   if (auto sink = sink_.lock()) sink->deliver(answer);
 }
 
-void NativeBridge::restoreProxyIfNeeded() { proxySwitch_->restoreProxyIfNeeded(); }
+void NativeBridge::restoreProxyIfNeeded() {
+  proxySwitch_->restoreProxyIfNeeded();
+}
 
 void NativeBridge::shutdown() {
   if (shutDown_.exchange(true)) return;

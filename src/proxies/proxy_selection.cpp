@@ -69,8 +69,8 @@ void ProxySelection::selectProxy(std::string group, std::string name,
           finishSelection(group, name, completion);
           return;
         }
-        findSelectorGroup(name, [this, group, name, completion, first = std::move(*error)](
-                                    std::optional<std::string> found) {
+        findSelectorGroup(name, [this, group, name, completion,
+                                 first = std::move(*error)](std::optional<std::string> found) {
           if (found && *found != group) {
             log_.message("native.setProxy.fallback: " + group + " -> " + *found);
             selectProxy(*found, name, completion);
@@ -100,28 +100,28 @@ void ProxySelection::finishSelection(const std::string& group, const std::string
 
 void ProxySelection::findSelectorGroup(const std::string& name,
                                        std::function<void(std::optional<std::string>)> completion) {
-  controller_.httpJSON(
-      "GET", controller_.base() + "/proxies", std::nullopt,
-      [name, completion = std::move(completion)](Result<Json> reply) {
-        if (!reply || !reply.value().is_object() || !reply.value().contains("proxies") ||
-            !reply.value()["proxies"].is_object()) {
-          completion(std::nullopt);
-          return;
-        }
-        const Json& table = reply.value()["proxies"];
-        const std::string selector(kSelectorGroup);
-        if (table.contains(selector) && groupHolds(table[selector], name)) {
-          completion(selector);
-          return;
-        }
-        for (const auto& key : groupSearchOrder(table)) {
-          if (isSelectorEntry(table[key]) && groupHolds(table[key], name)) {
-            completion(key);
-            return;
-          }
-        }
-        completion(std::nullopt);
-      });
+  controller_.httpJSON("GET", controller_.base() + "/proxies", std::nullopt,
+                       [name, completion = std::move(completion)](Result<Json> reply) {
+                         if (!reply || !reply.value().is_object() ||
+                             !reply.value().contains("proxies") ||
+                             !reply.value()["proxies"].is_object()) {
+                           completion(std::nullopt);
+                           return;
+                         }
+                         const Json& table = reply.value()["proxies"];
+                         const std::string selector(kSelectorGroup);
+                         if (table.contains(selector) && groupHolds(table[selector], name)) {
+                           completion(selector);
+                           return;
+                         }
+                         for (const auto& key : groupSearchOrder(table)) {
+                           if (isSelectorEntry(table[key]) && groupHolds(table[key], name)) {
+                             completion(key);
+                             return;
+                           }
+                         }
+                         completion(std::nullopt);
+                       });
 }
 
 void ProxySelection::saveLastSelectedProxy(const std::string& group, const std::string& name) {

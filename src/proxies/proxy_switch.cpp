@@ -24,27 +24,27 @@ ProxySwitch::ProxySwitch(ControllerClient& controller, net::HttpSession& session
 
 void ProxySwitch::getServers(Resolve resolve) {
   ensureCore_([this, resolve = std::move(resolve)](bool) {
-    controller_.httpJSON("GET", controller_.base() + "/proxies", std::nullopt,
-                         [this, resolve](Result<Json> reply) {
-                           if (!reply) {
-                             log_.message("native.getServers.error: " + reply.error().description);
-                             resolve(false);
-                             return;
-                           }
-                           Json& body = reply.value();
-                           if (!body.is_object() || !body.contains("proxies")) {
-                             log_.message("native.getServers.empty");
-                             resolve(false);
-                             return;
-                           }
-                           auto client = normalizeProxiesForClient(std::move(body["proxies"]));
-                           if (client.alias) {
-                             log_.message("native.getServers.alias: " + std::string(kSelectorGroup) +
-                                          "->" + *client.alias);
-                           }
-                           log_.message("native.getServers.ok: " + proxySummary(client.table));
-                           resolve(std::move(client.table));
-                         });
+    controller_.httpJSON(
+        "GET", controller_.base() + "/proxies", std::nullopt, [this, resolve](Result<Json> reply) {
+          if (!reply) {
+            log_.message("native.getServers.error: " + reply.error().description);
+            resolve(false);
+            return;
+          }
+          Json& body = reply.value();
+          if (!body.is_object() || !body.contains("proxies")) {
+            log_.message("native.getServers.empty");
+            resolve(false);
+            return;
+          }
+          auto client = normalizeProxiesForClient(std::move(body["proxies"]));
+          if (client.alias) {
+            log_.message("native.getServers.alias: " + std::string(kSelectorGroup) + "->" +
+                         *client.alias);
+          }
+          log_.message("native.getServers.ok: " + proxySummary(client.table));
+          resolve(std::move(client.table));
+        });
   });
 }
 

@@ -26,17 +26,16 @@ void RuntimeSettings::updateRuntimeConfig(Json config, Resolve resolve, Reject r
       reject(BridgeError::native(31, "mihomo not running"));
       return;
     }
-    controller_.httpJSON("PATCH", controller_.base() + "/configs", config,
-                         [this, resolve, reject](Result<Json> reply) {
-                           if (auto error = controllerChangeError(reply)) {
-                             log_.message("native.config.update.error: " + error->description);
-                             reject(std::move(*error));
-                             return;
-                           }
-                           controller_.closeConnections([resolve, value = reply.value()] {
-                             resolve(value);
-                           });
-                         });
+    controller_.httpJSON(
+        "PATCH", controller_.base() + "/configs", config,
+        [this, resolve, reject](Result<Json> reply) {
+          if (auto error = controllerChangeError(reply)) {
+            log_.message("native.config.update.error: " + error->description);
+            reject(std::move(*error));
+            return;
+          }
+          controller_.closeConnections([resolve, value = reply.value()] { resolve(value); });
+        });
   });
 }
 

@@ -26,9 +26,10 @@ ProxyChoice parseSetProxyArgs(const Json& args) {
   if (args.is_array() && !args.empty()) {
     const Json& first = args.front();
     if (first.is_object()) {
-      choice.group = firstString(first, {"group", "groupName", "group_name", "selector", "selectorName"});
-      choice.name = firstString(first, {"name", "proxy", "proxyName", "proxy_name", "server", "value",
-                                        "key", "node", "selected"});
+      choice.group =
+          firstString(first, {"group", "groupName", "group_name", "selector", "selectorName"});
+      choice.name = firstString(first, {"name", "proxy", "proxyName", "proxy_name", "server",
+                                        "value", "key", "node", "selected"});
     } else if (args.size() < 2) {
       choice.name = stringOrEmpty(first);
     } else {

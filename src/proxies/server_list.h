@@ -13,7 +13,7 @@ namespace qev::proxies {
 std::optional<Json> filteredProxyItem(Json item);
 
 struct ClientProxyTable {
-  Json table;                       // what the page receives
+  Json table;                        // what the page receives
   std::optional<std::string> alias;  // the group copied to "SELECT", when one was made
 };
 

@@ -39,7 +39,8 @@ Json ConfigCommands::configPayload() const {
   // Every frontend variant finds the selected node under the key it reads.
   const std::string name(base::trimWhitespace(deps_.selection.get().name));
   if (!name.empty()) {
-    for (const char* key : {"nodeName", "proxyName", "currentProxyName", "selectedProxy", "currentNode"}) {
+    for (const char* key :
+         {"nodeName", "proxyName", "currentProxyName", "selectedProxy", "currentNode"}) {
       payload[key] = name;
     }
   }
@@ -103,29 +104,31 @@ void ConfigCommands::download(const std::string& url, Resolve resolve, Reject re
       reject(std::move(*error));
       return;
     }
-    putConfig(Json::array(),
-              [this, resolve](Json value) {
-                deps_.proxySelection.reapplyLastSelectedProxyIfNeeded(
-                    [resolve, value = std::move(value)] { resolve(value); });
-              },
-              reject);
+    putConfig(
+        Json::array(),
+        [this, resolve](Json value) {
+          deps_.proxySelection.reapplyLastSelectedProxyIfNeeded(
+              [resolve, value = std::move(value)] { resolve(value); });
+        },
+        reject);
   });
 }
 
 void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject reject) {
   const Json* arg = first(args);
   if (arg != nullptr && arg->is_string()) {
-    const std::string rewritten = rewriteSubscribeUrl(arg->get<std::string>(), deps_.fallbackApiBase());
+    const std::string rewritten =
+        rewriteSubscribeUrl(arg->get<std::string>(), deps_.fallbackApiBase());
     if (isHttpUrl(rewritten)) {
       updateConfig(Json::array({rewritten}), std::move(resolve), std::move(reject));
       return;
     }
   }
   if (forwardMode(args, resolve, reject)) return;
-  const bool namesProxy =
-      (arg != nullptr && arg->is_string() && !base::trimWhitespace(arg->get<std::string>()).empty()) ||
-      (arg != nullptr && arg->is_object() &&
-       !base::trimWhitespace(proxies::parseSetProxyArgs(args).name).empty());
+  const bool namesProxy = (arg != nullptr && arg->is_string() &&
+                           !base::trimWhitespace(arg->get<std::string>()).empty()) ||
+                          (arg != nullptr && arg->is_object() &&
+                           !base::trimWhitespace(proxies::parseSetProxyArgs(args).name).empty());
   if (namesProxy) {
     deps_.proxySelection.setProxy(args, std::move(resolve), std::move(reject));
     return;

@@ -29,7 +29,9 @@ class JsonLinesSink final : public bridge::AnswerSink {
   explicit JsonLinesSink(std::ostream& out) : out_(out) {}
 
   void deliver(const bridge::Answer& answer) override {
-    const auto dump = [](const Json& v) { return v.dump(-1, ' ', false, Json::error_handler_t::replace); };
+    const auto dump = [](const Json& v) {
+      return v.dump(-1, ' ', false, Json::error_handler_t::replace);
+    };
     out_ << "{\"id\":" << dump(answer.id);
     if (answer.ok) {
       out_ << ",\"result\":" << dump(answer.value) << "}\n";
