@@ -1,10 +1,12 @@
 #include "app/headless/headless_shell.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <istream>
@@ -84,6 +86,17 @@ class XdgOpener {
   base::Executors pool_{1};  // declared last: stopped first, while the members above still live
 };
 
+// Written by the signal handler, read by the thread that ends the loop; a signal handler can
+// reach nothing but process-wide state.
+int signalPipe[2] = {-1, -1};
+
+extern "C" void onTerminateSignal(int) {
+  const char signal = 1;
+  const int saved = errno;
+  (void)!::write(signalPipe[1], &signal, 1);
+  errno = saved;
+}
+
 // State shared with the reader and signal threads, which may outlive the loop.
 struct LoopState {
   std::shared_ptr<base::ManualMainQueue> queue = std::make_shared<base::ManualMainQueue>();
@@ -114,12 +127,15 @@ void postLine(const std::shared_ptr<LoopState>& state, bridge::NativeBridge& bri
 
 int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
                 const storage::Environment& environment, HeadlessOptions options) {
-  // Signals go to one waiting thread; every other thread starts with them blocked.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  // A handler rather than a blocked mask: a library thread started before this point may be
+  // the one the kernel picks for the signal.
+  if (::pipe2(signalPipe, O_CLOEXEC) == 0) {
+    struct sigaction action {};
+    action.sa_handler = onTerminateSignal;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+  }
 
   auto state = std::make_shared<LoopState>();
   auto profile = storage::Profile::forThisPlatform(environment);
@@ -132,12 +148,12 @@ int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
   auto sink = std::make_shared<JsonLinesSink>(out);
   bridge.setAnswerSink(sink);
 
-  std::thread([state, signals] {
-    int received = 0;
-    if (sigwait(&signals, &received) == 0) {
-      state->terminate = true;
-      state->queue->post([] {});  // wake the loop
+  std::thread([state] {
+    char signal = 0;
+    while (::read(signalPipe[0], &signal, 1) < 0 && errno == EINTR) {
     }
+    state->terminate = true;
+    state->queue->post([] {});  // wake the loop
   }).detach();
 
   bridge.restoreProxyIfNeeded();
