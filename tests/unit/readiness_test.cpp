@@ -47,7 +47,7 @@ TEST(ReadinessTest, AnyHttpAnswerCountsAsReady) {
   // No route for "/": the server answers 404, which still proves that something listens.
   server.server().Get("/other", [](const httplib::Request&, httplib::Response&) {});
   server.start();
-  Rig rig(server.base());
+  Rig rig(server.base(), {5s, 100ms});  // generous: sanitizer builds answer slowly
   EXPECT_TRUE(rig.ready());
   EXPECT_TRUE(rig.wait(0ms));
 }
@@ -64,7 +64,7 @@ TEST(ReadinessTest, NothingListeningEndsFalse) {
 TEST(ReadinessTest, SilentControllerTimesOutEachProbe) {
   test::LoopbackServer server;
   server.server().Get("/", [](const httplib::Request&, httplib::Response& res) {
-    std::this_thread::sleep_for(600ms);
+    std::this_thread::sleep_for(1500ms);
     res.set_content("{}", "application/json");
   });
   server.start();
@@ -78,12 +78,12 @@ TEST(ReadinessTest, WaitSucceedsOnceTheControllerComesUp) {
   server.server().Get("/", [&](const httplib::Request&, httplib::Response& res) {
     // The first probes fail the way a connection refused does: no HTTP answer at all.
     if (++probes < 3) {
-      std::this_thread::sleep_for(300ms);
+      std::this_thread::sleep_for(2500ms);
     }
     res.set_content("{\"hello\":\"mihomo\"}", "application/json");
   });
   server.start();
-  Rig rig(server.base(), {150ms, 20ms});
+  Rig rig(server.base(), {1s, 20ms});
   EXPECT_TRUE(rig.wait(10s));
   EXPECT_GE(probes.load(), 3);
 }
@@ -109,7 +109,7 @@ TEST(ReadinessTest, EnsureProxyPortsSendsTheFixedPortsAndAlwaysCompletes) {
     res.status = 204;
   });
   server.start();
-  Rig rig(server.base());
+  Rig rig(server.base(), {5s, 100ms});
   std::promise<void> done;
   rig.readiness.ensureProxyPorts([&] { done.set_value(); });
   done.get_future().get();
