@@ -84,7 +84,7 @@ class ControllerClientTest : public ::testing::Test {
                     std::optional<Json> body = std::nullopt) {
     std::promise<Result<Json>> promise;
     client_->httpJSON(method, url, std::move(body),
-                     [&](Result<Json> result) { promise.set_value(std::move(result)); });
+                      [&](Result<Json> result) { promise.set_value(std::move(result)); });
     return promise.get_future().get();
   }
 
