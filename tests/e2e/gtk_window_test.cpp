@@ -354,6 +354,13 @@ TEST_F(DesktopWindowTest, ClosedWindowComesBackFromTheTrayAndFromASecondStart) {
   ASSERT_TRUE(eventually([&] { return app.visibleWindows().empty(); }));
   EXPECT_TRUE(app.app().running()) << "closing the window ended the application";
 
+  // The tray item: its label and the shipped icon, by absolute path.
+  EXPECT_NE(app.trayProperty("XAyatanaLabel").find("'QEV'"), std::string::npos);
+  EXPECT_NE(
+      app.trayProperty("IconName").find("'" + (resources_ / "icons/qev-tray.svg").string() + "'"),
+      std::string::npos)
+      << app.trayProperty("IconName");
+
   const auto show = app.trayEntry("显示窗口");
   ASSERT_TRUE(show) << "tray menu not exported";
   ASSERT_TRUE(app.clickTrayEntry(*show));

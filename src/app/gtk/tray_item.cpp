@@ -2,12 +2,15 @@
 
 #include <libayatana-appindicator/app-indicator.h>
 
+#include <system_error>
+
 #include "qev/deployment.h"
 
 namespace qev::app {
 namespace {
 
-constexpr const char* kIconName = "qev-tray";
+constexpr const char* kIconFile = "qev-tray.svg";
+constexpr const char* kFallbackIconName = "network-vpn";
 
 void activateAction(GtkMenuItem* item, gpointer application) {
   const auto* action = static_cast<const char*>(g_object_get_data(G_OBJECT(item), "qev-action"));
@@ -40,8 +43,14 @@ TrayItem::TrayItem(GApplication* application, const std::string& id,
   gtk_menu_shell_append(GTK_MENU_SHELL(menu_), quit);
   gtk_widget_show_all(menu_);
 
-  indicator_ = app_indicator_new_with_path(
-      id.c_str(), kIconName, APP_INDICATOR_CATEGORY_APPLICATION_STATUS, iconDir.c_str());
+  // The icon goes by its absolute path, not by name in an extra theme folder: the fallback
+  // for desktops without a tray host reads past the end of the theme's search path whenever
+  // a theme folder is set.
+  const auto icon = iconDir / kIconFile;
+  std::error_code missing;
+  indicator_ = app_indicator_new(
+      id.c_str(), std::filesystem::exists(icon, missing) ? icon.c_str() : kFallbackIconName,
+      APP_INDICATOR_CATEGORY_APPLICATION_STATUS);
   const std::string name(deployment::kDisplayName);
   app_indicator_set_title(indicator_, name.c_str());
   app_indicator_set_label(indicator_, name.c_str(), name.c_str());

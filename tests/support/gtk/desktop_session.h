@@ -432,6 +432,14 @@ class DesktopQev {
     return std::nullopt;
   }
 
+  // A property of the exported tray item, as gdbus prints it (e.g. "(<'QEV'>,)").
+  std::string trayProperty(const std::string& name) const {
+    return tool({"gdbus", "call", "--session", "--dest", "com.qevjs.native", "--object-path",
+                 kTrayItemPath, "--method", "org.freedesktop.DBus.Properties.Get",
+                 "org.kde.StatusNotifierItem", name})
+        .output;
+  }
+
   bool clickTrayEntry(int id) const {
     return tool({"gdbus", "call", "--session", "--dest", "com.qevjs.native", "--object-path",
                  kTrayMenuPath, "--method", "com.canonical.dbusmenu.Event", "--",
@@ -449,6 +457,7 @@ class DesktopQev {
     return folder / name;
   }
 
+  static constexpr const char* kTrayItemPath = "/org/ayatana/NotificationItem/com_qevjs_native";
   static constexpr const char* kTrayMenuPath =
       "/org/ayatana/NotificationItem/com_qevjs_native/Menu";
 
