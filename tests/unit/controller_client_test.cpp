@@ -1,4 +1,5 @@
 #include "proxies/controller_client.h"
+#include "recording_logger.h"
 
 #include <gtest/gtest.h>
 
@@ -12,21 +13,7 @@
 namespace qev::proxies {
 namespace {
 
-class RecordingLog : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(text);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> lines_;
-};
+using test::RecordingLogger;
 
 TEST(PercentEncodePathComponentTest, EscapesEverythingThatCouldSplitThePath) {
   const std::vector<std::pair<std::string, std::string>> cases{
@@ -91,7 +78,7 @@ class ControllerClientTest : public ::testing::Test {
   test::LoopbackServer server_;
   base::Executors executors_{2};
   net::HttpSession session_{executors_};
-  RecordingLog log_;
+  RecordingLogger log_;
   std::unique_ptr<ControllerClient> client_;
 };
 
@@ -153,7 +140,7 @@ TEST_F(ControllerClientTest, CloseConnectionsLogsEitherOutcome) {
   client_->closeConnections([&] { closed.set_value(); });
   closed.get_future().get();
 
-  RecordingLog deadLog;
+  RecordingLogger deadLog;
   ControllerClient dead(session_, deadLog, "http://127.0.0.1:1");
   std::promise<void> failed;
   dead.closeConnections([&] { failed.set_value(); });

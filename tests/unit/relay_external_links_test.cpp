@@ -1,3 +1,4 @@
+#include "recording_logger.h"
 #include "relay/external_links.h"
 
 #include <gtest/gtest.h>
@@ -13,21 +14,7 @@
 namespace qev::relay {
 namespace {
 
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(text);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> lines_;
-};
+using test::RecordingLogger;
 
 struct Outcome {
   std::optional<Json> resolved;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/strings.h"
+#include "recording_logger.h"
 #include "sysproxy/network_services_backend.h"
 #include "temp_home.h"
 
@@ -18,21 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using Calls = std::vector<std::vector<std::string>>;
 
-class RecordingLogger final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(text);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> lines_;
-};
+using test::RecordingLogger;
 
 // A stand-in for a macOS tool: appends its arguments as one tab-separated line to `<name>.calls`,
 // fails when its first two arguments match a tab-joined line of `<name>.fail`, and answers
