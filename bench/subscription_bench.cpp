@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "subscription/runtime_config_text.h"
+#include "config/runtime_config_text.h"
 
 namespace {
 
@@ -107,7 +107,7 @@ const std::string& subscription() {
 void BM_BuildRuntimeConfigText(benchmark::State& state) {
   const std::string& text = subscription();
   for (auto _ : state) {
-    std::string out = qev::subscription::buildRuntimeConfigText(text, "rule", true);
+    std::string out = qev::config::buildRuntimeConfigText(text, "rule", true);
     benchmark::DoNotOptimize(out.data());
     benchmark::ClobberMemory();
   }

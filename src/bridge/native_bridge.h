@@ -16,7 +16,7 @@
 #include "core/runtime_config.h"
 #include "core/tun_mode.h"
 #include "net/http_session.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "proxies/proxy_selection.h"
 #include "proxies/proxy_switch.h"
 #include "proxies/runtime_settings.h"
@@ -104,7 +104,7 @@ class NativeBridge {
   base::Executors executors_;
   DiagnosticLog log_;
   net::HttpSession http_;  // shared by the controller client, downloads and the page relay
-  proxies::ControllerClient controller_;  // every call to the core's controller
+  controller::ControllerClient controller_;  // every call to the core's controller
   // Local storage.
   storage::SystemLog systemLog_;
   storage::ProtectedFiles protectedFiles_;

@@ -8,7 +8,7 @@
 namespace qev::core {
 
 ControllerReadiness::ControllerReadiness(net::HttpSession& session,
-                                         proxies::ControllerClient& controller,
+                                         controller::ControllerClient& controller,
                                          base::Executors& executors, ReadinessTimings timings)
     : session_(session), controller_(controller), executors_(executors), timings_(timings) {}
 

@@ -6,7 +6,7 @@
 #include "base/constants.h"
 #include "base/executors.h"
 #include "net/http_session.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 
 namespace qev::core {
 
@@ -19,7 +19,7 @@ struct ReadinessTimings {
 // ports. Nothing is logged here and no failure leaves: the callers decide what false means.
 class ControllerReadiness {
  public:
-  ControllerReadiness(net::HttpSession& session, proxies::ControllerClient& controller,
+  ControllerReadiness(net::HttpSession& session, controller::ControllerClient& controller,
                       base::Executors& executors, ReadinessTimings timings = {});
 
   // One GET of "/"; any HTTP answer (a 404 too) proves the core listens.
@@ -34,7 +34,7 @@ class ControllerReadiness {
   void poll(std::chrono::system_clock::time_point deadline, std::function<void(bool)> completion);
 
   net::HttpSession& session_;
-  proxies::ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   base::Executors& executors_;
   ReadinessTimings timings_;
 };

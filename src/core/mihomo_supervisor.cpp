@@ -14,7 +14,7 @@
 
 #include "base/fs.h"
 #include "base/utf8.h"
-#include "core/process_runner.h"
+#include "process/process_runner.h"
 
 namespace qev::core {
 namespace {
@@ -87,7 +87,7 @@ std::string pkillPath(storage::Platform platform) {
 MihomoSupervisor::MihomoSupervisor(const storage::Profile& profile, const base::Logger& log,
                                    const base::Logger& systemLog, base::Executors& executors,
                                    ControllerReadiness& readiness,
-                                   proxies::ControllerClient& controller, CoreHooks hooks,
+                                   controller::ControllerClient& controller, CoreHooks hooks,
                                    SupervisorTimings timings)
     : profile_(profile),
       log_(log),
@@ -119,9 +119,9 @@ MihomoSupervisor::~MihomoSupervisor() {
 
 void MihomoSupervisor::killStaleMihomo() const {
   const std::string pkill = pkillPath(profile_.platform);
-  for (const auto& pattern : profile_.staleCorePatterns) runProcess(pkill, {"-f", pattern});
+  for (const auto& pattern : profile_.staleCorePatterns) process::runProcess(pkill, {"-f", pattern});
   std::this_thread::sleep_for(timings_.stalePause);
-  for (const auto& pattern : profile_.staleCorePatterns) runProcess(pkill, {"-9", "-f", pattern});
+  for (const auto& pattern : profile_.staleCorePatterns) process::runProcess(pkill, {"-9", "-f", pattern});
 }
 
 void MihomoSupervisor::restartMihomo() {
@@ -136,14 +136,14 @@ void MihomoSupervisor::restartMihomo() {
     log_.message("native.mihomo.missingConfig");
     return;
   }
-  auto spawned = spawnWithErrorPipe(launcher.string(), {"-d", profile_.paths.appSupport.string(),
+  auto spawned = process::spawnWithErrorPipe(launcher.string(), {"-d", profile_.paths.appSupport.string(),
                                                         "-f", profile_.paths.configYaml.string()});
   if (!spawned) {
     systemLog_.message("failed to start mihomo: " + spawned.error().description);
     log_.message("native.mihomo.start.error: " + spawned.error().description);
     return;
   }
-  const ErrorPipedChild launched = spawned.value();
+  const process::ErrorPipedChild launched = spawned.value();
   auto child = std::make_shared<Child>();
   child->pid = launched.pid;
   {

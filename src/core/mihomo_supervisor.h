@@ -13,7 +13,7 @@
 #include "base/executors.h"
 #include "base/logger.h"
 #include "core/controller_readiness.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "storage/profile.h"
 
 namespace qev::core {
@@ -46,7 +46,7 @@ class MihomoSupervisor {
 
   MihomoSupervisor(const storage::Profile& profile, const base::Logger& log,
                    const base::Logger& systemLog, base::Executors& executors,
-                   ControllerReadiness& readiness, proxies::ControllerClient& controller,
+                   ControllerReadiness& readiness, controller::ControllerClient& controller,
                    CoreHooks hooks, SupervisorTimings timings = {});
   // Stops watching the core (it keeps running; shutdown terminates it first). The executors
   // must be stopped before, so that no restart is running.
@@ -87,7 +87,7 @@ class MihomoSupervisor {
   const base::Logger& systemLog_;
   base::Executors& executors_;
   ControllerReadiness& readiness_;
-  proxies::ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   CoreHooks hooks_;
   SupervisorTimings timings_;
 

@@ -4,7 +4,7 @@
 
 #include "base/fs.h"
 #include "base/utf8.h"
-#include "subscription/runtime_config_text.h"
+#include "config/runtime_config_text.h"
 
 namespace qev::core {
 namespace {
@@ -50,7 +50,7 @@ std::optional<BridgeError> RuntimeConfig::normalizeTmpYaml(bool tun) const {
   auto raw = readRawSubscriptionConfigText();
   if (!raw) return raw.error();
   return writeBoth(
-      subscription::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
+      config::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
 }
 
 std::optional<BridgeError> RuntimeConfig::writeBoth(const std::string& text) const {

@@ -4,7 +4,7 @@
 
 #include "base/constants.h"
 #include "base/strings.h"
-#include "proxies/controller_reply.h"
+#include "controller/controller_reply.h"
 #include "proxies/selection_args.h"
 #include "proxies/server_list.h"
 
@@ -20,7 +20,7 @@ bool groupHolds(const Json& entry, const std::string& name) {
 
 }  // namespace
 
-ProxySelection::ProxySelection(ControllerClient& controller, storage::SelectionMemory& memory,
+ProxySelection::ProxySelection(controller::ControllerClient& controller, storage::SelectionMemory& memory,
                                const storage::SettingsStore& settings,
                                sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
                                const base::Logger& log)
@@ -60,11 +60,11 @@ void ProxySelection::setProxy(const Json& args, Resolve resolve, Reject reject) 
 void ProxySelection::selectProxy(std::string group, std::string name,
                                  std::function<void(std::optional<BridgeError>)> completion) {
   log_.message("native.setProxy.try: group=" + group + " name=" + name);
-  const std::string url = controller_.base() + "/proxies/" + percentEncodePathComponent(group);
+  const std::string url = controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group);
   controller_.httpJSON(
       "PUT", url, Json{{"name", name}},
       [this, group, name, completion = std::move(completion)](Result<Json> reply) {
-        auto error = controllerChangeError(reply);
+        auto error = controller::controllerChangeError(reply);
         if (!error) {
           finishSelection(group, name, completion);
           return;

@@ -6,7 +6,7 @@
 
 #include "base/completions.h"
 #include "base/logger.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
 #include "sysproxy/system_proxy_requests.h"
@@ -20,7 +20,7 @@ using EnsureCore = std::function<void(BoolCompletion)>;
 // configuration.
 class ProxySelection {
  public:
-  ProxySelection(ControllerClient& controller, storage::SelectionMemory& memory,
+  ProxySelection(controller::ControllerClient& controller, storage::SelectionMemory& memory,
                  const storage::SettingsStore& settings, sysproxy::SystemProxyRequests& systemProxy,
                  EnsureCore ensureCore, const base::Logger& log);
 
@@ -40,7 +40,7 @@ class ProxySelection {
   void finishSelection(const std::string& group, const std::string& name,
                        std::function<void(std::optional<BridgeError>)> completion);
 
-  ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   storage::SelectionMemory& memory_;
   const storage::SettingsStore& settings_;
   sysproxy::SystemProxyRequests& systemProxy_;

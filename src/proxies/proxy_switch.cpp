@@ -7,7 +7,7 @@
 
 namespace qev::proxies {
 
-ProxySwitch::ProxySwitch(ControllerClient& controller, net::HttpSession& session,
+ProxySwitch::ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session,
                          ProxySelection& selection, const storage::SelectionMemory& memory,
                          sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
                          ApplyConfig applyConfig, const base::Logger& log,
@@ -117,8 +117,8 @@ void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
 
 void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion) {
   net::HttpRequest probe;
-  probe.url = controller_.base() + "/proxies/" + percentEncodePathComponent(group) +
-              "/delay?timeout=6000&url=" + percentEncodePathComponent(connectivityCheckUrl_);
+  probe.url = controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group) +
+              "/delay?timeout=6000&url=" + controller::percentEncodePathComponent(connectivityCheckUrl_);
   probe.timeout = std::chrono::seconds(8);
   session_.send(std::move(probe), [this, group, completion = std::move(completion)](
                                       Result<net::HttpResponse> reply) {

@@ -6,7 +6,7 @@
 #include "base/completions.h"
 #include "base/logger.h"
 #include "net/http_session.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "proxies/proxy_selection.h"
 #include "storage/selection_memory.h"
 #include "sysproxy/system_proxy_requests.h"
@@ -20,7 +20,7 @@ using ApplyConfig = std::function<void(Resolve, Reject)>;
 // restore of the user's proxy choice at start.
 class ProxySwitch {
  public:
-  ProxySwitch(ControllerClient& controller, net::HttpSession& session, ProxySelection& selection,
+  ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session, ProxySelection& selection,
               const storage::SelectionMemory& memory, sysproxy::SystemProxyRequests& systemProxy,
               EnsureCore ensureCore, ApplyConfig applyConfig, const base::Logger& log,
               std::string connectivityCheckUrl);
@@ -41,7 +41,7 @@ class ProxySwitch {
  private:
   void probeGroup(const std::string& group, BoolCompletion completion);
 
-  ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   net::HttpSession& session_;
   ProxySelection& selection_;
   const storage::SelectionMemory& memory_;

@@ -1,18 +1,18 @@
 #include "proxies/runtime_settings.h"
 
-#include "proxies/controller_reply.h"
-#include "subscription/routing_mode.h"
+#include "controller/controller_reply.h"
+#include "config/routing_mode.h"
 
 namespace qev::proxies {
 
-RuntimeSettings::RuntimeSettings(ControllerClient& controller,
+RuntimeSettings::RuntimeSettings(controller::ControllerClient& controller,
                                  const storage::SettingsStore& settings, EnsureCore ensureCore,
                                  const base::Logger& log)
     : controller_(controller), settings_(settings), ensureCore_(std::move(ensureCore)), log_(log) {}
 
 void RuntimeSettings::updateRuntimeConfig(Json config, Resolve resolve, Reject reject) {
   if (const auto mode = config.find("mode"); mode != config.end() && mode->is_string()) {
-    if (auto normalized = subscription::normalizedMihomoMode(mode->get<std::string>())) {
+    if (auto normalized = config::normalizedMihomoMode(mode->get<std::string>())) {
       if (auto ec = settings_.update([&](Json& s) { s["mode"] = *normalized; })) {
         log_.message("native.mode.save.error: " + ec.message());
       }
@@ -29,7 +29,7 @@ void RuntimeSettings::updateRuntimeConfig(Json config, Resolve resolve, Reject r
     controller_.httpJSON(
         "PATCH", controller_.base() + "/configs", config,
         [this, resolve, reject](Result<Json> reply) {
-          if (auto error = controllerChangeError(reply)) {
+          if (auto error = controller::controllerChangeError(reply)) {
             log_.message("native.config.update.error: " + error->description);
             reject(std::move(*error));
             return;

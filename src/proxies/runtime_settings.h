@@ -2,7 +2,7 @@
 
 #include "base/completions.h"
 #include "base/logger.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "proxies/proxy_selection.h"
 #include "storage/settings_store.h"
 
@@ -12,14 +12,14 @@ namespace qev::proxies {
 // without a restart; the mode is remembered in the settings first.
 class RuntimeSettings {
  public:
-  RuntimeSettings(ControllerClient& controller, const storage::SettingsStore& settings,
+  RuntimeSettings(controller::ControllerClient& controller, const storage::SettingsStore& settings,
                   EnsureCore ensureCore, const base::Logger& log);
 
   // `config` is a JSON object; rejects "mihomo not running" (31) without a controller.
   void updateRuntimeConfig(Json config, Resolve resolve, Reject reject);
 
  private:
-  ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   const storage::SettingsStore& settings_;
   EnsureCore ensureCore_;
   const base::Logger& log_;

@@ -6,7 +6,7 @@
 
 #include "base/constants.h"
 #include "base/strings.h"
-#include "proxies/hidden_choices.h"
+#include "config/hidden_choices.h"
 
 namespace qev::proxies {
 namespace {
@@ -34,15 +34,15 @@ bool isSelectorEntry(const Json& entry) {
 
 std::optional<Json> filteredProxyItem(Json item) {
   if (const auto name = item.find("name");
-      name != item.end() && name->is_string() && isHiddenProxyChoice(name->get<std::string>())) {
+      name != item.end() && name->is_string() && config::isHiddenProxyChoice(name->get<std::string>())) {
     return std::nullopt;
   }
   const auto all = item.find("all");
   if (all != item.end() && isStringArray(*all)) {
-    const auto visible = filteredProxyChoices(all->get<std::vector<std::string>>());
+    const auto visible = config::filteredProxyChoices(all->get<std::vector<std::string>>());
     *all = visible;
     const auto now = item.find("now");
-    if (now != item.end() && now->is_string() && isHiddenProxyChoice(now->get<std::string>())) {
+    if (now != item.end() && now->is_string() && config::isHiddenProxyChoice(now->get<std::string>())) {
       *now = visible.empty() ? std::string() : visible.front();
     }
   }
@@ -53,7 +53,7 @@ ClientProxyTable normalizeProxiesForClient(Json table) {
   if (!table.is_object()) return {std::move(table), std::nullopt};
   Json visible = Json::object();
   for (auto& [key, entry] : table.items()) {
-    if (isHiddenProxyChoice(key)) continue;
+    if (config::isHiddenProxyChoice(key)) continue;
     if (!entry.is_object()) {
       visible[key] = std::move(entry);
       continue;

@@ -6,7 +6,7 @@
 #include "base/redaction.h"
 #include "relay/login_compat.h"
 #include "relay/relay_urls.h"
-#include "subscription/routing_mode.h"
+#include "config/routing_mode.h"
 
 namespace qev::relay {
 namespace {
@@ -28,7 +28,7 @@ Json replyRecord(long status, std::string statusText, Json headers, std::string 
 
 }  // namespace
 
-HttpRelay::HttpRelay(net::HttpSession& session, proxies::ControllerClient& controller,
+HttpRelay::HttpRelay(net::HttpSession& session, controller::ControllerClient& controller,
                      const storage::SettingsStore& settings, const base::Logger& log,
                      std::string apiBase)
     : session_(session),
@@ -76,7 +76,7 @@ void HttpRelay::rememberModeChange(const net::HttpRequest& request) {
   if (!config.is_object()) return;
   const auto mode = config.find("mode");
   if (mode == config.end() || !mode->is_string()) return;
-  const auto normalized = subscription::normalizedMihomoMode(mode->get<std::string>());
+  const auto normalized = config::normalizedMihomoMode(mode->get<std::string>());
   if (!normalized) return;
   if (const auto ec = settings_.update([&](Json& settings) { settings["mode"] = *normalized; })) {
     log_.message("native.mode.save.http.error: " + ec.message());

@@ -10,7 +10,7 @@
 #include "base/logger.h"
 #include "net/http_session.h"
 #include "net/url.h"
-#include "proxies/controller_client.h"
+#include "controller/controller_client.h"
 #include "relay/relay_records.h"
 #include "storage/settings_store.h"
 
@@ -25,7 +25,7 @@ using RejectReply = std::function<void(BridgeError)>;
 // every request with its secrets masked.
 class HttpRelay {
  public:
-  HttpRelay(net::HttpSession& session, proxies::ControllerClient& controller,
+  HttpRelay(net::HttpSession& session, controller::ControllerClient& controller,
             const storage::SettingsStore& settings, const base::Logger& log, std::string apiBase);
 
   // The `httpRequest` command. Resolves {status, statusText, headers, body}; a transport failure
@@ -42,7 +42,7 @@ class HttpRelay {
                 const RejectReply& reject);
 
   net::HttpSession& session_;
-  proxies::ControllerClient& controller_;
+  controller::ControllerClient& controller_;
   const storage::SettingsStore& settings_;
   const base::Logger& log_;
   std::string apiBase_;

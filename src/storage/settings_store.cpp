@@ -5,7 +5,7 @@
 
 #include "base/constants.h"
 #include "base/fs.h"
-#include "subscription/routing_mode.h"
+#include "config/routing_mode.h"
 
 namespace qev::storage {
 namespace {
@@ -24,7 +24,7 @@ std::optional<Json> readStoredObject(const fs::path& file) {
 // The canonical mode of a stored value; "rule" when it is not a string or not a known label.
 std::string normalizedStoredMode(const Json* value) {
   if (value == nullptr || !value->is_string()) return std::string(kDefaultMode);
-  return subscription::normalizedMihomoMode(value->get_ref<const std::string&>())
+  return config::normalizedMihomoMode(value->get_ref<const std::string&>())
       .value_or(std::string(kDefaultMode));
 }
 

@@ -6,7 +6,7 @@
 #include "base/strings.h"
 #include "net/url.h"
 #include "proxies/selection_args.h"
-#include "subscription/routing_mode.h"
+#include "config/routing_mode.h"
 #include "subscription/subscribe_link.h"
 
 namespace qev::subscription {
@@ -75,7 +75,7 @@ void ConfigCommands::updateConfig(const Json& args, Resolve resolve, Reject reje
 }
 
 bool ConfigCommands::forwardMode(const Json& args, const Resolve& resolve, const Reject& reject) {
-  auto mode = runtimeModeFromArgs(args);
+  auto mode = config::runtimeModeFromArgs(args);
   if (mode) deps_.runtimeSettings.updateRuntimeConfig(Json{{"mode", *mode}}, resolve, reject);
   return mode.has_value();
 }

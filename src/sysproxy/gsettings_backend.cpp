@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "base/constants.h"
-#include "core/process_runner.h"
+#include "process/process_runner.h"
 
 namespace qev::sysproxy {
 namespace {
@@ -81,7 +81,7 @@ void GSettingsBackend::enableSystemProxy() {
   }
   bool ok = true;
   for (const auto& command : gsettingsEnableCommands()) {
-    ok = core::runProcess(gsettings->string(), command) && ok;
+    ok = process::runProcess(gsettings->string(), command) && ok;
   }
   log_.message("native.gsettings.enable: ok=" + flag(ok));
 }
@@ -92,7 +92,7 @@ void GSettingsBackend::disableSystemProxy() {
     log_.message("native.gsettings.missing");
     return;
   }
-  const bool ok = core::runProcess(gsettings->string(), gsettingsDisableCommand());
+  const bool ok = process::runProcess(gsettings->string(), gsettingsDisableCommand());
   log_.message("native.gsettings.disable: ok=" + flag(ok));
 }
 

@@ -4,7 +4,7 @@
 #include "base/fs.h"
 #include "base/strings.h"
 #include "base/utf8.h"
-#include "core/process_runner.h"
+#include "process/process_runner.h"
 
 namespace qev::sysproxy {
 namespace {
@@ -62,7 +62,7 @@ bool NetworkServicesBackend::helperExists() const {
 }
 
 bool NetworkServicesBackend::runHelper(const CommandLine& arguments) const {
-  return core::runProcess(helper_.string(), arguments);
+  return process::runProcess(helper_.string(), arguments);
 }
 
 void NetworkServicesBackend::enableSystemProxy() {
@@ -89,8 +89,8 @@ void NetworkServicesBackend::disableSystemProxy() {
 }
 
 std::vector<std::string> NetworkServicesBackend::activeNetworkServices() {
-  const core::ProcessOutput listing =
-      core::runProcessOutput(networksetup_.string(), {"-listallnetworkservices"});
+  const process::ProcessOutput listing =
+      process::runProcessOutput(networksetup_.string(), {"-listallnetworkservices"});
   if (!listing.ok) {
     const std::string reason =
         listing.output.empty() ? networksetup_.string() + " failed" : listing.output;
@@ -111,7 +111,7 @@ void NetworkServicesBackend::setSystemProxyWithNetworksetup(bool enabled) {
   for (const std::string& service : services) {
     bool ok = true;
     for (const CommandLine& command : networksetupCommands(service, enabled)) {
-      ok = core::runProcess(networksetup_.string(), command) && ok;
+      ok = process::runProcess(networksetup_.string(), command) && ok;
     }
     log_.message("native.networksetup." + action + ": " + service + "=" + flag(ok));
   }

@@ -23,24 +23,6 @@ describe('installation', () => {
     });
   });
 
-  it('publishes only its documented globals', async () => {
-    const fresh = new Page({ scripts: [] });
-    await withPage({}, (page, window) => {
-      const added = Object.getOwnPropertyNames(window).filter((name) => !(name in fresh.window)).sort();
-      fresh.close();
-      assert.deepEqual(added, [
-        '__QEV_NATIVE_BRIDGE_INSTALLED__', '__QEV_NATIVE__', '__electronGlobals', '__nativeBridgeReject',
-        '__nativeBridgeResolve', '__nativeSettingsCache', '__nativeStorageLogged', '__nativeVirtualFiles',
-        '__qevjs', 'clash', 'process', 'require',
-      ]);
-    });
-  });
-
-  it('keeps virtual files the page already had', async () => {
-    await withPage({ before: (window) => { window.__nativeVirtualFiles = { token: 'kept' }; } }, (page, window) => {
-      assert.equal(window.require('fs').readFileSync('/data/token'), 'kept');
-    });
-  });
 });
 
 describe('bridge client', () => {
@@ -88,14 +70,6 @@ describe('bridge client', () => {
     });
   });
 
-  it('never lets logging disturb the page', async () => {
-    await withPage({}, (page, window) => {
-      delete window.webkit.messageHandlers.nativeLog;
-      assert.doesNotThrow(() => window.require('path'));
-      delete window.webkit;
-      assert.doesNotThrow(() => window.console.warn('still fine'));
-    });
-  });
 });
 
 describe('page hooks', () => {
@@ -112,18 +86,6 @@ describe('page hooks', () => {
       assert.deepEqual(page.bridge.calls('openExternal').map((m) => m.args),
                        [['//example.com/x'], ['HTTPS://example.com/'], ['http://a.example'], ['MailTo:x@example.com']]);
       assert.deepEqual(opened, [['/local/route', 'frame', 'noopener'], ['about:blank', undefined, undefined]]);
-    });
-  });
-
-  it('openExternal through electron yields false on an empty link or a native failure', async () => {
-    await withPage({}, async (page, window) => {
-      page.bridge.answer('openExternal', () => { throw new Error('invalid external URL'); });
-      const shell = window.require('electron').shell;
-      assert.equal(await shell.openExternal(''), false);
-      assert.equal(await shell.openExternal('https://example.com/'), false);
-      assert.deepEqual(page.bridge.logged('openExternal'), [
-        'openExternal: ', 'openExternal: https://example.com/', 'openExternal.error: invalid external URL',
-      ]);
     });
   });
 
@@ -147,59 +109,8 @@ describe('page hooks', () => {
     });
   });
 
-  it('logs uncaught errors and unhandled rejections', async () => {
-    await withPage({}, (page, window) => {
-      window.dispatchEvent(new window.ErrorEvent('error', {
-        message: 'x is not defined', filename: 'qevnative://app/main.js', lineno: 3, colno: 14,
-      }));
-      const rejection = new window.Event('unhandledrejection');
-      rejection.reason = 'plain reason';
-      window.dispatchEvent(rejection);
-      assert.deepEqual(page.bridge.logs.filter((l) => /^(window\.error|unhandledrejection)/.test(l)), [
-        'window.error: x is not defined @ qevnative://app/main.js:3:14',
-        'unhandledrejection: plain reason',
-      ]);
-    });
-  });
 });
 
 describe('settings cache and login items', () => {
-  it('setLoginItemSettings asks the native side and merges its answer', async () => {
-    await withPage({}, async (page, window) => {
-      page.bridge.answer('setAutoLaunch', () => ({ autoLaunch: true, mode: 'global' }));
-      const app = window.require('electron').remote.app;
-      assert.deepEqual(plain(app.getLoginItemSettings()), { openAtLogin: false });
-      app.setLoginItemSettings({ openAtLogin: true });
-      assert.deepEqual(plain(app.getLoginItemSettings()), { openAtLogin: true });
-      assert.equal(typeof window.__nativeAutoLaunchElectronAt, 'number');
-      assert.deepEqual(page.bridge.calls('setAutoLaunch')[0].args, [{ openAtLogin: true }]);
-      await settle();
-      assert.deepEqual(plain(window.__nativeSettingsCache), { mode: 'global', autoLaunch: true, tun: false });
-    });
-  });
 
-  it('logs a failed auto-launch change', async () => {
-    await withPage({}, async (page, window) => {
-      page.bridge.answer('setAutoLaunch', () => { throw new Error('write failed'); });
-      window.require('electron').remote.app.setLoginItemSettings({});
-      await settle();
-      assert.deepEqual(page.bridge.calls('setAutoLaunch')[0].args, [{ openAtLogin: false }]);
-      assert.deepEqual(page.bridge.logged('native.autoLaunch'), ['native.autoLaunch.electron.error: write failed']);
-    });
-  });
-
-  it('window.clash merges over an older object and keeps a current one', async () => {
-    await withPage({ before: (window) => { window.clash = { custom: 1, getConfig: 'old' }; } }, (page, window) => {
-      assert.equal(window.clash.custom, 1);
-      assert.equal(typeof window.clash.getConfig, 'function');
-      assert.equal(window.clash.__nativeBridgeVersion, 2);
-      assert.equal(window.clash.localApiUrl, 'http://127.0.0.1:33212');
-      assert.deepEqual([window.clash.httpProxyPort, window.clash.socks5ProxyPort, window.clash.localApiPort],
-                       [33210, 33211, 33212]);
-    });
-    const current = { __nativeBridgeVersion: 2, marker: true };
-    await withPage({ before: (window) => { window.clash = current; } }, (page, window) => {
-      assert.equal(window.clash, current);
-    });
-  });
 });

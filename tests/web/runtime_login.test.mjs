@@ -1,40 +1,9 @@
 // Login answers (the legacy credential and its persistence) and the subscription warm-up.
 import assert from 'node:assert/strict';
-import { createDecipheriv } from 'node:crypto';
 import { describe, it } from 'node:test';
 
 import { plain, sleep, waitFor, withPage } from './support/harness.mjs';
-
-const API = 'https://panel.test';
-const LOGIN = '/api/v1/passport/auth/login';
-
-function pageOptions(extra = {}) {
-  const { before, ...rest } = extra;
-  return {
-    url: 'http://app.test/login?next=1',
-    cryptoJs: true,
-    ...rest,
-    before: (window, page) => {
-      window.__QEVJS_API_BASE__ = API;
-      if (before) {
-        before(window, page);
-      }
-    },
-  };
-}
-
-// Decrypts a legacy credential with Node's own AES, independently of the page library.
-function openLegacyCredential(legacy) {
-  const key = legacy.slice(-16);
-  const decipher = createDecipheriv('aes-128-ecb', Buffer.from(key, 'utf8'), null);
-  const plainText = Buffer.concat([decipher.update(Buffer.from(legacy.slice(0, -16), 'base64')), decipher.final()]);
-  return { key, payload: JSON.parse(plainText.toString('utf8')) };
-}
-
-async function login(window, body) {
-  const response = await window.fetch(LOGIN, { method: 'POST', body: '{"email":"e","password":"p"}' });
-  return response.text();
-}
+import { API, LOGIN, login, openLegacyCredential, pageOptions } from './support/login_page.mjs';
 
 describe('login answer adaptation', () => {
   it('adds a legacy credential that decrypts to the login with the derived key', async () => {
@@ -59,25 +28,6 @@ describe('login answer adaptation', () => {
     });
   });
 
-  it('derives a 16-character key from the token, padded with "0" when too short', async () => {
-    const cases = [
-      { token: '-._~', key: 'kelpmorrowin4180' },
-      { token: 'x', key: 'xkelpmorrowin418' },
-      { token: 'ab!', key: 'abkelpmorrowin41' },
-      { token: 'ABCDEFGHIJKLMNOPQRSTUVWXYZ', key: 'ABCDEFGHIJKLMNOP' },
-    ];
-    for (const { token, key } of cases) {
-      await withPage(pageOptions(), async (page, window) => {
-        page.bridge.answer('httpRequest', () => ({ body: JSON.stringify({ token, is_admin: true }) }));
-        const adapted = JSON.parse(await login(window));
-        const opened = openLegacyCredential(adapted.auth_data);
-        assert.equal(opened.key, key, token);
-        assert.deepEqual(opened.payload, { token, authorization: token, auth_data: token, is_admin: true });
-        assert.equal(adapted.data, undefined, 'no data member is invented');
-      });
-    }
-  });
-
   it('passes the answer unchanged without a token, without CryptoJS, or when it is not JSON', async () => {
     const cases = [
       { options: {}, body: '{"status":"fail","message":"wrong password"}', log: null },
@@ -96,19 +46,6 @@ describe('login answer adaptation', () => {
     }
   });
 
-  it('only the login path is adapted, also through XMLHttpRequest', async () => {
-    await withPage(pageOptions(), async (page, window) => {
-      const body = JSON.stringify({ data: { token: 'tok' } });
-      page.bridge.answer('httpRequest', () => ({ body }));
-      assert.equal(await (await window.fetch('/api/v1/passport/auth/loginx')).text(), body);
-      assert.equal(await (await window.fetch('/api/v1/passport/auth/login/extra')).text(), body);
-      const xhr = new window.XMLHttpRequest();
-      xhr.open('POST', LOGIN + '?lang=en');
-      xhr.send('{}');
-      await waitFor(() => xhr.readyState === 4, { what: 'login over XHR' });
-      assert.ok(JSON.parse(xhr.responseText).data.auth_data.endsWith('tokkelpmorrowin4'));
-    });
-  });
 });
 
 describe('login persistence', () => {
@@ -126,16 +63,6 @@ describe('login persistence', () => {
       // What the frontend stores right after logging in does not replace the login's values.
       storage.setItem('auth_data', 'frontend form');
       assert.equal(storage.getItem('auth_data'), legacy);
-    });
-  });
-
-  it('without CryptoJS the token stands in for the missing credentials', async () => {
-    await withPage(pageOptions({ cryptoJs: false }), async (page, window) => {
-      page.bridge.answer('httpRequest', () => ({ body: JSON.stringify({ data: { token: 'tok' } }) }));
-      await login(window);
-      const storage = window.localStorage;
-      assert.deepEqual([storage.getItem('token'), storage.getItem('auth_data'), storage.getItem('authorization'),
-                        storage.getItem('is_admin')], ['tok', 'tok', 'tok', null]);
     });
   });
 
@@ -161,15 +88,6 @@ describe('login persistence', () => {
     });
   });
 
-  it('a failed login stores nothing and does not reload', async () => {
-    await withPage(pageOptions(), async (page, window) => {
-      page.bridge.answer('httpRequest', () => ({ status: 422, body: '{"message":"wrong password"}' }));
-      await login(window);
-      await sleep(300);
-      assert.equal(window.localStorage.length, 0);
-      assert.equal(page.navigationAttempts, 0);
-    });
-  });
 });
 
 describe('subscription warm-up', () => {
@@ -207,31 +125,6 @@ describe('subscription warm-up', () => {
     });
   });
 
-  it('with a stored token the link is the panel subscription of that token', async () => {
-    await warmUp({ storage: { token: 't+1=' }, body: { data: { subscribeUrl: LINK } } }, async (page) => {
-      await settled(page);
-      assert.deepEqual(page.bridge.calls('updateConfig').map((m) => m.args), [[TOKEN_LINK]]);
-    });
-  });
-
-  it('an unchanged link only makes sure the core has servers', async () => {
-    await warmUp({ storage: { __nativeLastSubscribeUrl: LINK }, servers: { 'HK-01': { type: 'Shadowsocks' } } }, async (page) => {
-      await settled(page);
-      assert.equal(page.bridge.calls('updateConfig').length, 0);
-      assert.deepEqual(page.bridge.logged('native.subscribe'), ['native.subscribe.sync.skip: unchanged', 'native.subscribe.ensure.ok']);
-    });
-  });
-
-  it('an unchanged link is applied again when the core has no servers', async () => {
-    await warmUp({ storage: { __nativeLastSubscribeUrl: LINK }, servers: false }, async (page) => {
-      await settled(page);
-      assert.deepEqual(page.bridge.calls('updateConfig').map((m) => m.args), [[LINK]]);
-      assert.deepEqual(page.bridge.logged('native.subscribe'), [
-        'native.subscribe.sync.skip: unchanged', 'native.subscribe.ensure.empty', 'native.subscribe.sync.ok',
-      ]);
-    });
-  });
-
   it('failures are logged and the link is not remembered', async () => {
     await warmUp({ updateFails: true }, async (page, window) => {
       await settled(page);
@@ -244,15 +137,4 @@ describe('subscription warm-up', () => {
     });
   });
 
-  it('runs once per page and skips an answer without a link', async () => {
-    await warmUp({ body: { data: { plan_id: 1 } } }, async (page, window) => {
-      await settled(page);
-      assert.deepEqual(page.bridge.logged('native.subscribe'), ['native.subscribe.sync.skip: no-url']);
-      await window.fetch(SUBSCRIBE);
-      await sleep(400);
-      assert.equal(page.bridge.logged('native.subscribe').length, 1);
-      assert.equal(page.bridge.calls('updateConfig').length, 0);
-      assert.equal(window.__nativeSubscribeSyncStarted, true);
-    });
-  });
 });

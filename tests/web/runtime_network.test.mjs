@@ -48,19 +48,6 @@ describe('URL rewriting and routing', () => {
     });
   });
 
-  it('XMLHttpRequest routes the same way', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      page.bridge.answer('httpRequest', () => ({ body: 'native' }));
-      for (const { input, routed } of cases.filter((c) => c.routed)) {
-        const xhr = new window.XMLHttpRequest();
-        xhr.open('GET', input);
-        xhr.send();
-        await waitFor(() => xhr.readyState === 4, { what: input });
-        assert.equal(decodeURI(xhr.responseURL), routed, input);
-      }
-    });
-  });
-
   it('the API base comes from the page, then the frontend configuration, then the built-in one', async () => {
     const sources = [
       { before: (w) => { w.__QEVJS_API_BASE__ = 'https://a.example/'; w.__QEVJS_OSS_CONFIG__ = { api: 'https://b.example' }; }, base: 'https://a.example' },
@@ -107,19 +94,6 @@ describe('credential retry', () => {
     });
   });
 
-  it('offers every distinct credential once and returns the first answer when all fail', async () => {
-    const storage = { auth_data: 'A', authorization: 'T', token: 'T' };
-    await withPage({ ...withApiBase, storage }, async (page, window) => {
-      const panel = panelAccepting('nothing', { status: 401 });
-      page.bridge.answer('httpRequest', panel.responder);
-      const response = await window.fetch('/api/v1/user/info', { headers: { AUTHORIZATION: 'stale' } });
-      assert.deepEqual(panel.offered, [null, 'A', 'T', 'Bearer T']);
-      assert.equal(response.status, 401);
-      assert.equal(await response.text(), 'refused 1');
-      assert.equal(window.localStorage.getItem('authorization'), 'T');
-    });
-  });
-
   it('does not retry outside the panel API or on other statuses', async () => {
     const storage = { auth_data: 'legacy-cred', token: 'tok' };
     for (const [url, status] of [['https://elsewhere.example/v2/user', 403], ['/api/v1/user/info', 500]]) {
@@ -131,22 +105,6 @@ describe('credential retry', () => {
     }
   });
 
-  it('keeps going when a retry fails in transport', async () => {
-    await withPage({ ...withApiBase, storage: { auth_data: 'a', token: 't' } }, async (page, window) => {
-      const offered = [];
-      page.bridge.answer('httpRequest', (args) => {
-        const credential = args[0].headers.Authorization;
-        offered.push(credential);
-        if (credential === 'a') {
-          throw new Error('timed out');
-        }
-        return credential === 't' ? { status: 200, body: 'ok' } : { status: 403, body: 'no' };
-      });
-      assert.equal(await (await window.fetch('/api/v1/x')).text(), 'ok');
-      assert.deepEqual(offered, [undefined, 'a', 'Bearer t', 't']);
-      assert.equal(window.localStorage.getItem('authorization'), 't');
-    });
-  });
 });
 
 describe('the controller proxy table', () => {
@@ -196,19 +154,6 @@ describe('the controller proxy table', () => {
     });
   });
 
-  it('leaves other answers as they came', async () => {
-    const body = JSON.stringify(controllerTable());
-    const urls = ['http://localhost:33212/proxies/GLOBAL', 'http://127.0.0.1:9090/proxies', 'https://panel.test/proxies'];
-    await withPage({}, async (page, window) => {
-      page.bridge.answer('httpRequest', (args) => ({ body: args[0].url.includes('broken') ? '{"proxies":' : body }));
-      for (const url of urls) {
-        assert.equal(await (await window.fetch(url)).text(), body, url);
-      }
-      assert.equal(await (await window.fetch('http://127.0.0.1:33212/proxies?broken')).text(), '{"proxies":');
-      const filtered = JSON.parse(await (await window.fetch('http://localhost:33212/proxies')).text());
-      assert.equal('DIRECT' in filtered.proxies, false);
-    });
-  });
 });
 
 describe('fetch', () => {
@@ -230,32 +175,6 @@ describe('fetch', () => {
     });
   });
 
-  it('fills defaults and reads requests, forms and empty statuses', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      const answers = [{ body: 'plain' }, { status: 204, body: 'ignored' }, {}];
-      page.bridge.answer('httpRequest', () => answers.shift());
-      const first = await window.fetch(new window.Request('https://example.com/api/v1/r', {
-        method: 'PUT', headers: { 'X-Req': '1' }, body: 'from request',
-      }));
-      assert.equal(first.status, 200);
-      assert.equal(first.statusText, 'OK');
-      const empty = await window.fetch('/api/v1/x', { method: 'DELETE' });
-      assert.equal(empty.status, 204);
-      assert.equal(await empty.text(), '');
-      await window.fetch('/api/v1/form', { method: 'POST', body: new window.URLSearchParams({ a: '1', b: 'x y' }) });
-      const [request, , form] = page.bridge.httpRequests();
-      assert.deepEqual(request, { method: 'PUT', url: API + '/api/v1/r', headers: { 'x-req': '1', 'content-type': 'text/plain;charset=UTF-8' }, body: 'from request' });
-      assert.equal(form.body, 'a=1&b=x+y');
-      assert.equal(form.headers['Content-Type'], 'application/x-www-form-urlencoded;charset=UTF-8');
-    });
-  });
-
-  it('rejects when the bridge does', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      page.bridge.answer('httpRequest', () => { throw new Error('invalid request'); });
-      await assert.rejects(window.fetch('/api/v1/x'), { message: 'invalid request' });
-    });
-  });
 });
 
 describe('XMLHttpRequest', () => {
@@ -300,73 +219,4 @@ describe('XMLHttpRequest', () => {
     });
   });
 
-  it('reports a bridge failure as error then loadend', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      page.bridge.answer('httpRequest', () => { throw new Error('bad URL'); });
-      const xhr = new window.XMLHttpRequest();
-      const events = recordEvents(xhr, window);
-      xhr.open('GET', '/api/v1/x');
-      xhr.abort(); // ignored for a bridged request
-      xhr.send();
-      await waitFor(() => events.length === 8, { what: 'events' });
-      assert.deepEqual(events.slice(2), [
-        'onreadystatechange:4:true', 'listener-readystatechange:4:readystatechange',
-        'onerror:4:true', 'listener-error:4:error', 'onloadend:4:true', 'listener-loadend:4:loadend',
-      ]);
-      assert.equal(xhr.status, 0);
-    });
-  });
-
-  it('keeps handlers running when one throws, and honours once and removal', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      page.bridge.answer('httpRequest', () => ({ body: '[1]' }));
-      const seen = [];
-      const xhr = new window.XMLHttpRequest();
-      xhr.responseType = 'json';
-      const removed = () => seen.push('removed');
-      xhr.onload = () => { throw new Error('page bug'); };
-      xhr.addEventListener('load', () => seen.push('once'), { once: true });
-      xhr.addEventListener('load', removed);
-      xhr.removeEventListener('load', removed);
-      xhr.addEventListener('loadend', { handleEvent: () => seen.push('object listener') });
-      xhr.open('GET', '/api/v1/x');
-      xhr.send();
-      await waitFor(() => seen.length === 2, { what: 'listeners' });
-      assert.deepEqual(seen, ['once', 'object listener']);
-      assert.deepEqual(plain(xhr.response), [1]);
-      await settle();
-      assert.ok(page.bridge.logs.some((line) => line.startsWith('window.error: ') && line.includes('page bug')));
-    });
-  });
-
-  it('is still an XMLHttpRequest with its constants', async () => {
-    await withPage({}, (page, window) => {
-      const Wrapper = window.XMLHttpRequest;
-      const xhr = new Wrapper();
-      assert.ok(xhr instanceof Wrapper);
-      assert.equal(Object.getPrototypeOf(xhr), Object.getPrototypeOf(new (Object.getPrototypeOf(xhr).constructor)()));
-      for (const [name, value] of Object.entries({ UNSENT: 0, OPENED: 1, HEADERS_RECEIVED: 2, LOADING: 3, DONE: 4 })) {
-        assert.equal(xhr[name], value);
-        assert.equal(Wrapper[name], value);
-      }
-      assert.equal(xhr.readyState, 0);
-      xhr.timeout = 1500;
-      assert.equal(xhr.timeout, 1500);
-      assert.ok(xhr.upload);
-    });
-  });
-
-  it('passes requests it does not route to the real object', async () => {
-    await withPage({}, async (page, window) => {
-      const xhr = new window.XMLHttpRequest();
-      const events = [];
-      xhr.onload = function () { events.push(['onload', this === xhr, this.responseText]); };
-      xhr.addEventListener('loadend', () => events.push(['loadend', xhr.status]));
-      xhr.open('GET', 'data:text/plain,hello%20page');
-      xhr.send();
-      await waitFor(() => events.length === 2, { what: 'real request' });
-      assert.deepEqual(events, [['onload', true, 'hello page'], ['loadend', 200]]);
-      assert.equal(page.bridge.httpRequests().length, 0);
-    });
-  });
 });

@@ -20,7 +20,7 @@
 #include "base/main_queue.h"
 #include "bridge/diagnostic_log.h"
 #include "bridge/native_bridge.h"
-#include "core/process_runner.h"
+#include "process/process_runner.h"
 
 namespace qev::app {
 namespace {
@@ -61,7 +61,7 @@ class XdgOpener {
         log_.message("native.openExternal.unavailable: no handler");
         return;
       }
-      if (!core::runProcess(program, {url})) {
+      if (!process::runProcess(program, {url})) {
         log_.message("native.openExternal.error: xdg-open failed");
       }
     });

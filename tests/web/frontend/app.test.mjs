@@ -6,50 +6,7 @@ import { describe, it } from 'node:test';
 
 import { plain } from '../support/harness.mjs';
 import { $, API, byKey, DEMO, openApp, settle, text, type, until } from './support/fake_native.mjs';
-
-const SIGNED_IN = { token: DEMO.token, auth_data: 'Bearer s1', authorization: DEMO.token };
-
-function signedIn(options = {}) {
-  return openApp({
-    storage: SIGNED_IN,
-    languages: ['en-US'],
-    ...options,
-    setUp: (native, panel) => {
-      panel.sessions.add('Bearer s1');
-      if (options.setUp) {
-        options.setUp(native, panel);
-      }
-    },
-  });
-}
-
-async function submitLogin(document, email, password) {
-  await until(() => $(document, '#email'), 'the login form');
-  type($(document, '#email'), email);
-  type($(document, '#password'), password);
-  $(document, 'form').dispatchEvent(new document.defaultView.Event('submit', { cancelable: true }));
-}
-
-function click(document, key) {
-  const element = byKey(document, key);
-  assert.ok(element, `no control ${key}`);
-  element.click();
-}
-
-async function nodesReady(document) {
-  click(document, 'tab:nodes');
-  await until(() => document.querySelectorAll('.node').length === 3, 'the node list');
-}
-
-async function withApp(options, fn) {
-  const session = options.signedIn === false ? openApp(options) : signedIn(options);
-  try {
-    await fn(session);
-  } finally {
-    await settle(5);
-    session.page.close();
-  }
-}
+import { SIGNED_IN, click, nodesReady, signedIn, submitLogin, withApp } from './support/fake_native.mjs';
 
 describe('login', () => {
   const refusals = [
@@ -72,28 +29,6 @@ describe('login', () => {
       });
     });
   }
-
-  it('asks for what is missing before sending anything', async () => {
-    await withApp({ signedIn: false, languages: ['en'] }, async ({ document, page }) => {
-      await submitLogin(document, '  ', '');
-      assert.equal(text(document, '#login-error'), 'Enter your e-mail address.');
-      assert.equal($(document, '#email').getAttribute('aria-invalid'), 'true');
-      await submitLogin(document, DEMO.email, '');
-      assert.equal(text(document, '#login-error'), 'Enter your password.');
-      assert.equal(page.bridge.httpRequests().filter((r) => r.url.includes('/login')).length, 0);
-    });
-  });
-
-  it('an unreachable panel is said in words', async () => {
-    await withApp({ signedIn: false, languages: ['en'] }, async ({ document, page }) => {
-      page.bridge.answer('httpRequest', () => {
-        throw new Error("Couldn't connect to server");
-      });
-      await submitLogin(document, DEMO.email, DEMO.password);
-      await until(() => $(document, '#login-error'), 'the error');
-      assert.equal(text(document, '#login-error'), 'Cannot reach the server. Check your network and try again.');
-    });
-  });
 
   for (const generation of ['v1', 'v2']) {
     it(`${generation}: signs in, shows the account and hands the subscription over`, async () => {
@@ -123,13 +58,6 @@ describe('login', () => {
     });
   }
 
-  it('waits for the runtime\'s reload after the first login of a session, then carries on', async () => {
-    await withApp({ signedIn: false, session: {} }, async ({ document, page }) => {
-      await submitLogin(document, DEMO.email, DEMO.password);
-      await until(() => page.navigationAttempts > 0, 'the reload');
-      await until(() => $(document, '#plan-name'), 'the account summary');
-    });
-  });
 });
 
 describe('connecting', () => {
@@ -226,16 +154,6 @@ describe('nodes', () => {
     });
   });
 
-  it('a core that is down remembers the choice and says so', async () => {
-    await withApp({ setUp: (native) => { native.table = true; } }, async ({ document }) => {
-      await nodesReady(document);
-      click(document, 'node:US/03 Los Angeles');
-      await until(() => $(document, '.nodes .notice'), 'the notice');
-      assert.equal(text(document, '.nodes .notice'),
-        'The proxy core is not running. US/03 Los Angeles is remembered for the next connection.');
-    });
-  });
-
   it('a refused switch keeps the old node and says why', async () => {
     await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, page }) => {
       page.bridge.answer('setProxy', () => {
@@ -287,18 +205,6 @@ describe('settings', () => {
     });
   });
 
-  it('a mode chosen while the core is down is saved for later', async () => {
-    await withApp({}, async ({ document, native }) => {
-      await until(() => $(document, '#plan-name'), 'the home page');
-      click(document, 'tab:settings');
-      $(document, '#mode-direct').click();
-      await until(() => $(document, '.settings .notice'), 'the notice');
-      assert.equal(text(document, '.settings .notice'), 'Saved. It applies once the proxy core runs.');
-      assert.equal($(document, '#mode-direct').checked, true);
-      assert.equal(native.settings.mode, 'direct');
-    });
-  });
-
   it('switches the language everywhere and remembers it', async () => {
     await withApp({ languages: ['zh-CN'] }, async ({ document, window }) => {
       await until(() => $(document, '#plan-name'), 'the home page');
@@ -321,17 +227,6 @@ describe('settings', () => {
 });
 
 describe('session end', () => {
-  it('an expired session returns to the login with a reason and forgets the credentials', async () => {
-    await withApp({ setUp: (native, panel) => panel.sessions.clear() }, async ({ document, window, page }) => {
-      await until(() => $(document, '#login-error'), 'the login page');
-      assert.equal(text(document, '#login-error'), 'Your session has expired. Please sign in again.');
-      assert.equal(window.localStorage.getItem('auth_data'), null);
-      assert.equal(window.localStorage.getItem('token'), null);
-      // The runtime tried every stored credential before giving up.
-      assert.ok(page.bridge.logged('native.auth.retry:').length >= 2);
-      assert.equal(window.sessionStorage.getItem('qev.loginNotice'), 'expired', 'the reason survives the reload');
-    });
-  });
 
   it('signing out switches the proxy off, forgets the session and starts a fresh page', async () => {
     await withApp({ setUp: (native) => { native.proxyEnabled = true; } }, async ({ document, window, page, native }) => {

@@ -66,13 +66,6 @@ describe('language tables', () => {
     assert.deepEqual(unused, []);
   });
 
-  it('English texts are not left in Chinese', () => {
-    const han = /[\u4e00-\u9fff]/;
-    // The language toggle names the language it switches to, in that language.
-    const leaked = Object.entries(STRINGS.en).filter(([key, text]) => key !== 'lang.short' && han.test(text)).map(([key]) => key);
-    assert.deepEqual(leaked, []);
-  });
-
   it('fills placeholders and falls back to the default language, then the key', () => {
     const en = translator('en');
     assert.equal(en('nodes.delay', { ms: 42 }), '42 ms');

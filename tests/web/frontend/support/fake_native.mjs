@@ -1,6 +1,7 @@
 // The frontend in a simulated page: the real runtime script, the frontend started on the page,
 // and a scripted native side behind the bridge that answers like qev does, including the
 // panel (either generation) and the core's controller behind `httpRequest`.
+import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
 
@@ -230,3 +231,47 @@ export async function until(predicate, what) {
 }
 
 export { settle };
+
+export const SIGNED_IN = { token: DEMO.token, auth_data: 'Bearer s1', authorization: DEMO.token };
+
+export function signedIn(options = {}) {
+  return openApp({
+    storage: SIGNED_IN,
+    languages: ['en-US'],
+    ...options,
+    setUp: (native, panel) => {
+      panel.sessions.add('Bearer s1');
+      if (options.setUp) {
+        options.setUp(native, panel);
+      }
+    },
+  });
+}
+
+export async function submitLogin(document, email, password) {
+  await until(() => $(document, '#email'), 'the login form');
+  type($(document, '#email'), email);
+  type($(document, '#password'), password);
+  $(document, 'form').dispatchEvent(new document.defaultView.Event('submit', { cancelable: true }));
+}
+
+export function click(document, key) {
+  const element = byKey(document, key);
+  assert.ok(element, `no control ${key}`);
+  element.click();
+}
+
+export async function nodesReady(document) {
+  click(document, 'tab:nodes');
+  await until(() => document.querySelectorAll('.node').length === 3, 'the node list');
+}
+
+export async function withApp(options, fn) {
+  const session = options.signedIn === false ? openApp(options) : signedIn(options);
+  try {
+    await fn(session);
+  } finally {
+    await settle(5);
+    session.page.close();
+  }
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qev::config {
+
+// The rule that keeps QUIC off, so that browsers fall back to TCP through the proxy.
+inline constexpr std::string_view kQuicRejectRule = "AND,((NETWORK,UDP),(DST-PORT,443)),REJECT";
+
+// The TUN and DNS settings appended when TUN mode is on.
+inline constexpr std::string_view kTunDnsBlock =
+    "tun:\n"
+    "  enable: true\n"
+    "  stack: system\n"
+    "  auto-route: true\n"
+    "  auto-detect-interface: true\n"
+    "  dns-hijack:\n"
+    "    - any:53\n"
+    "dns:\n"
+    "  enable: true\n"
+    "  enhanced-mode: fake-ip\n"
+    "  fake-ip-range: 198.18.0.1/16\n"
+    "  nameserver:\n"
+    "    - 223.5.5.5\n"
+    "    - 119.29.29.29\n";
+
+// The configuration the core runs, made from the downloaded subscription text: the
+// subscription's own tun and dns sections and every setting the application owns (ports,
+// controller, LAN access, geo updates, mode, IPv6) are dropped at any depth, hidden entries
+// are removed, QUIC is rejected first, and the application's settings follow at the end with
+// `mode` (a canonical routing mode) and, when `tun` is set, the TUN and DNS block.
+// Pure and never fails; one pass over the text.
+std::string buildRuntimeConfigText(std::string_view subscription, std::string_view mode, bool tun);
+
+}  // namespace qev::config

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/constants.h"
+#include "base/error.h"
+#include "base/json.h"
+#include "base/logger.h"
+#include "net/http_session.h"
+
+namespace qev::controller {
+
+using JsonCompletion = std::function<void(Result<Json>)>;
+
+// Percent-encodes a group or proxy name for use as one path segment ("a/b c" -> "a%2Fb%20c").
+std::string percentEncodePathComponent(std::string_view name);
+
+// The one client through which every call to the core's controller goes.
+class ControllerClient {
+ public:
+  ControllerClient(net::HttpSession& session, const base::Logger& log,
+                   std::string base = std::string(kControllerBase));
+
+  const std::string& base() const { return base_; }
+
+  // 10 s time-out; a body goes out as compact JSON with Content-Type application/json. A 204 or
+  // empty body is success `true`; the status is not examined. An unparsable URL fails at once
+  // with code 4 "bad URL".
+  void httpJSON(std::string method, const std::string& url, std::optional<Json> body,
+                JsonCompletion completion);
+
+  // DELETE /connections; logs the outcome; the completion always runs once.
+  void closeConnections(std::function<void()> completion);
+
+ private:
+  net::HttpSession& session_;
+  const base::Logger& log_;
+  std::string base_;
+};
+
+}  // namespace qev::controller

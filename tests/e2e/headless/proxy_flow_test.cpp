@@ -1,0 +1,215 @@
+// The native side end to end through `qev --headless`: a subscription link from the test panel,
+// a running test core, a chosen node, and the system proxy (real gsettings on a keyfile
+// backend) switched on and off again.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <sstream>
+
+#include "testing/doubles_harness.h"
+#include "headless_process.h"
+#include "storage/protected_files.h"
+#include "temp_home.h"
+#include "test_config.h"
+
+namespace qev::test {
+namespace {
+
+constexpr const char* kToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";  // the test panel's demo token
+
+class ProxyFlowTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    panel_ = std::make_unique<doubles::ChildProcess>(doubles::ChildProcess::Options{
+        kFakePanel, {"--port", "0"}, "", {}, dir_.path()});
+    ASSERT_TRUE(doubles::waitUntil([&] { return portFromPanel() > 0; }));
+    panelBase_ = "http://127.0.0.1:" + std::to_string(portFromPanel());
+  }
+
+  int portFromPanel() const {
+    std::smatch m;
+    const std::string out = panel_->stdoutText();
+    return std::regex_search(out, m, std::regex(R"(port=(\d+))")) ? std::stoi(m[1]) : 0;
+  }
+
+  std::unique_ptr<HeadlessQev> start(std::map<std::string, std::string> extra = {}) {
+    std::map<std::string, std::string> env = {
+        {"QEV_API_BASE", panelBase_},
+        {"QEV_MIHOMO", kFakeCore},
+        {"GSETTINGS_BACKEND", "keyfile"},
+        {"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
+        {"FAKE_CORE_REQUEST_LOG", (dir_.path() / "core-requests.jsonl").string()},
+    };
+    for (auto& [k, v] : extra) env[k] = v;
+    return std::make_unique<HeadlessQev>(HeadlessQev::Options{dir_.path() / "home", env, {"--headless"}});
+  }
+
+  std::string subscribeLink() const {
+    return panelBase_ + "/api/v1/client/subscribe?token=" + kToken;
+  }
+
+  std::string gsettings(const std::string& schema, const std::string& key) {
+    const std::string cmd = "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME='" +
+                            (dir_.path() / "config").string() + "' gsettings get " + schema + " " + key;
+    std::string out;
+    if (FILE* p = ::popen(cmd.c_str(), "r")) {
+      char buf[256];
+      while (std::fgets(buf, sizeof buf, p)) out += buf;
+      ::pclose(p);
+    }
+    while (!out.empty() && (out.back() == '\n')) out.pop_back();
+    return out;
+  }
+
+  Json settingsFile(HeadlessQev& qev) {
+    return Json::parse(readText(qev.dataFolder() / "qevjs-local.json"), nullptr, false);
+  }
+
+  static bool logHas(HeadlessQev& qev, const std::string& prefix) {
+    for (const auto& m : qev.logMessages()) {
+      if (m.rfind(prefix, 0) == 0) return true;
+    }
+    return false;
+  }
+
+  TempDir dir_;
+  std::unique_ptr<doubles::ChildProcess> panel_;
+  std::string panelBase_;
+};
+
+TEST_F(ProxyFlowTest, SubscriptionToRunningCoreToSystemProxyAndBack) {
+  auto qev = start();
+  // 1. The link becomes a protected subscription and a running core.
+  auto updated = qev->call("1", "updateConfig", Json::array({subscribeLink()}));
+  ASSERT_TRUE(updated);
+  ASSERT_EQ((*updated)["result"], true) << updated->dump() << qev->logText();
+  EXPECT_EQ(readText(qev->dataFolder() / ".qevjs-subscribe.dat").rfind("QEVJS1\n", 0), 0u);
+  EXPECT_FALSE(std::filesystem::exists(qev->dataFolder() / ".qevjs-runtime-config.yaml"));
+
+  auto servers = qev->call("2", "getServers");
+  ASSERT_TRUE(servers);
+  const Json table = (*servers)["result"];
+  ASSERT_TRUE(table.is_object()) << servers->dump();
+  ASSERT_TRUE(table.contains("SELECT"));
+  for (const auto& [name, entry] : table.items()) {
+    EXPECT_EQ(name.find("剩余流量"), std::string::npos);
+    EXPECT_NE(name, "自动选择");
+    EXPECT_NE(name, "DIRECT");
+  }
+  const auto members = table["SELECT"]["all"];
+  ASSERT_GE(members.size(), 2u);
+  const std::string node = members[1];
+
+  // 2. A node name alone is selected through the fallback group and remembered.
+  auto selected = qev->call("3", "setProxy", Json::array({node}));
+  ASSERT_TRUE(selected);
+  EXPECT_EQ((*selected)["result"], true) << selected->dump();
+  EXPECT_TRUE(logHas(*qev, "native.setProxy.fallback: SELECT -> QEV加速"));
+  EXPECT_EQ(settingsFile(*qev)["lastSelectedProxyName"], node);
+
+  // 4. A mode label reaches the core as its canonical word and the settings.
+  auto mode = qev->call("4", "updateConfig", Json::array({{{"mode", "全局"}}}));
+  ASSERT_TRUE(mode);
+  EXPECT_NE((*mode).find("result"), mode->end()) << mode->dump();
+  EXPECT_EQ(settingsFile(*qev)["mode"], "global");
+  bool patched = false;
+  std::istringstream requests(readText(dir_.path() / "core-requests.jsonl"));
+  for (std::string line; std::getline(requests, line);) {
+    const Json request = Json::parse(line, nullptr, false);
+    if (request.is_object() && request.value("method", "") == "PATCH" &&
+        Json::parse(request.value("body", ""), nullptr, false) == Json{{"mode", "global"}}) {
+      patched = true;
+    }
+  }
+  EXPECT_TRUE(patched);
+
+  // 3. Start: the probe passes and the system proxy is on.
+  auto started = qev->call("5", "startProxy");
+  ASSERT_TRUE(started);
+  EXPECT_EQ((*started)["result"], true) << started->dump();
+  EXPECT_EQ(gsettings("org.gnome.system.proxy", "mode"), "'manual'");
+  EXPECT_EQ(gsettings("org.gnome.system.proxy.http", "port"), "33210");
+  EXPECT_EQ(gsettings("org.gnome.system.proxy.socks", "port"), "33211");
+  EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], true);
+
+  // 6. End of input with the proxy on: off, saved off, no plaintext left, shutdown last.
+  qev->closeInput();
+  ASSERT_EQ(qev->waitExit(), 0);
+  EXPECT_EQ(gsettings("org.gnome.system.proxy", "mode"), "'none'");
+  EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], false);
+  EXPECT_FALSE(std::filesystem::exists(qev->dataFolder() / ".qevjs-runtime-config.yaml"));
+  EXPECT_EQ(qev->logMessages().back(), "native.shutdown.complete");
+}
+
+TEST_F(ProxyFlowTest, DeadNodeKeepsTheSystemProxyOffAndPanelErrorsKeepTheSubscription) {
+  auto qev = start({{"FAKE_CORE_DELAY_FAIL", "timeout"}});
+  ASSERT_EQ((*qev->call("1", "updateConfig", Json::array({subscribeLink()})))["result"], true);
+  const std::string stored = readText(qev->dataFolder() / ".qevjs-subscribe.dat");
+
+  auto started = qev->call("2", "startProxy");
+  ASSERT_TRUE(started);
+  EXPECT_EQ((*started)["error"], "NODE_UNAVAILABLE") << started->dump();
+  EXPECT_NE(gsettings("org.gnome.system.proxy", "mode"), "'manual'");
+  EXPECT_TRUE(logHas(*qev, "native.startProxy.unavailable: NODE_UNAVAILABLE"));
+
+  // 5. A 403 from the panel leaves the stored subscription untouched.
+  auto refused = qev->call("3", "updateConfig",
+                           Json::array({panelBase_ + "/api/v1/client/subscribe?token=wrong"}));
+  ASSERT_TRUE(refused);
+  EXPECT_EQ((*refused)["error"], "subscribe HTTP 403");
+  EXPECT_EQ(readText(qev->dataFolder() / ".qevjs-subscribe.dat"), stored);
+}
+
+TEST_F(ProxyFlowTest, RestartRestoresTheProxyOnlyAfterAPassingCheck) {
+  {
+    auto qev = start();
+    ASSERT_EQ((*qev->call("1", "updateConfig", Json::array({subscribeLink()})))["result"], true);
+    qev->closeInput();
+    ASSERT_EQ(qev->waitExit(), 0);
+  }
+  const auto home = dir_.path() / "home" / ".local" / "share" / "qevjs" / "qevjs-local.json";
+  auto wantOn = [&] {
+    Json s = Json::parse(readText(home));
+    s["proxyEnabled"] = true;
+    writeText(home, s.dump());
+  };
+
+  // 7a. A working node: restored.
+  wantOn();
+  {
+    auto qev = start();
+    ASSERT_TRUE(eventually([&] { return logHas(*qev, "native.proxy.restore.ok"); }, 60s))
+        << qev->logText();
+    EXPECT_EQ(gsettings("org.gnome.system.proxy", "mode"), "'manual'");
+    qev->signal(SIGTERM);
+    ASSERT_EQ(qev->waitExit(), 0);
+  }
+  // 7b. A dead node: switched off and the wish saved as false.
+  wantOn();
+  {
+    auto qev = start({{"FAKE_CORE_DELAY_FAIL", "error"}});
+    ASSERT_TRUE(eventually([&] { return logHas(*qev, "native.proxy.restore.unavailable"); }, 60s))
+        << qev->logText();
+    EXPECT_EQ(gsettings("org.gnome.system.proxy", "mode"), "'none'");
+    EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], false);
+  }
+}
+
+TEST_F(ProxyFlowTest, NormalizeConfigTurnsTheStoredSubscriptionIntoTheRuntimeConfiguration) {
+  const std::string user = storage::Environment::fromProcess().userName;
+  const auto data = dir_.path() / "home" / ".local" / "share" / "qevjs";
+  writeText(data / ".qevjs-subscribe.dat",
+            storage::encodeProtected("port: 7890\ntun:\n  stack: gvisor\nrules:\n  - MATCH,DIRECT\n",
+                                     user));
+  auto qev = start();
+  auto normalized = qev->call("1", "normalizeConfig");
+  ASSERT_TRUE(normalized);
+  EXPECT_EQ((*normalized)["result"], true) << normalized->dump();
+  EXPECT_EQ(storage::decodeProtected(readText(data / ".qevjs-config.dat"), user),
+            "rules:\n  - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT\n  - MATCH,DIRECT\n\n"
+            "port: 33210\nsocks-port: 33211\nexternal-controller: 127.0.0.1:33212\n"
+            "allow-lan: false\ngeo-auto-update: false\nipv6: false\nmode: rule\n");
+}
+
+}  // namespace
+}  // namespace qev::test

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "base/main_queue.h"
+#include "bridge/native_bridge.h"
+#include "temp_home.h"
+
+namespace qev::bridge {
+namespace {
+
+class RecordingSink final : public AnswerSink {
+ public:
+  void deliver(const Answer& answer) override { answers.push_back(answer); }
+  std::vector<Answer> answers;
+};
+
+class BridgeDispatchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    queue_ = std::make_shared<base::ManualMainQueue>();
+    bridge_ = std::make_unique<NativeBridge>(
+        storage::Profile::forLinux(test::environmentIn(dir_.path())), ShellSeams{queue_, nullptr});
+    sink_ = std::make_shared<RecordingSink>();
+    bridge_->setAnswerSink(sink_);
+  }
+
+  std::vector<std::string> logLines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(test::readText(bridge_->log().file()));
+    for (std::string line; std::getline(in, line);) lines.push_back(line.substr(23));
+    return lines;
+  }
+
+  test::TempDir dir_;
+  std::shared_ptr<base::ManualMainQueue> queue_;
+  std::unique_ptr<NativeBridge> bridge_;
+  std::shared_ptr<RecordingSink> sink_;
+};
+
+TEST_F(BridgeDispatchTest, MalformedRequestsAreDroppedWithoutLogOrAnswer) {
+  const std::vector<Json> bodies = {
+      Json::array({"1", "getConfig"}),
+      Json{{"id", 1}, {"name", "getConfig"}},
+      Json{{"id", "1"}},
+      Json{{"id", "1"}, {"name", nullptr}},
+      Json{{"name", "getConfig"}},
+      Json("text"),
+  };
+  for (const auto& body : bodies) bridge_->receive("nativeBridge", body);
+  bridge_->receive("otherChannel", Json{{"id", "1"}, {"name", "x"}});
+  queue_->drain();
+  EXPECT_TRUE(sink_->answers.empty());
+  EXPECT_TRUE(logLines().empty());
+}
+
+TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
+  bridge_->receive("nativeBridge", Json{{"id", "7"}, {"name", "GetConfig"}});
+  bridge_->receive("nativeBridge", Json{{"id", "8"}, {"name", "noSuchCommand"}, {"args", "x"}});
+  queue_->drain();
+  ASSERT_EQ(sink_->answers.size(), 2u);
+  EXPECT_EQ(sink_->answers[0].id, "7");
+  EXPECT_TRUE(sink_->answers[0].ok);
+  EXPECT_EQ(sink_->answers[0].value, Json(false));
+  EXPECT_EQ(sink_->answers[0].statement,
+            R"(window.__nativeBridgeResolve && window.__nativeBridgeResolve("7", false);)");
+  EXPECT_EQ(logLines(), (std::vector<std::string>{"native.bridge.call: GetConfig ",
+                                                  "native.bridge.call: noSuchCommand "}));
+}
+
+TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
+  bridge_->receive("nativeLog", Json{{"message", "page says token=abc"}});
+  bridge_->receive("nativeLog", Json("plain"));
+  bridge_->receive("nativeLog", Json{{"other", 1}});
+  EXPECT_EQ(logLines(),
+            (std::vector<std::string>{"page says token=***", "plain", R"({"other":1})"}));
+}
+
+TEST_F(BridgeDispatchTest, RejectStatementCarriesTheMessageAsLiteral) {
+  bridge_->reject("3", "bad \"thing\"\u2028");
+  ASSERT_EQ(sink_->answers.size(), 1u);
+  EXPECT_EQ(sink_->answers[0].statement,
+            R"(window.__nativeBridgeReject && window.__nativeBridgeReject("3", "bad \"thing\"\u2028");)");
+}
+
+TEST_F(BridgeDispatchTest, AnswersWithoutSinkAreDropped) {
+  sink_.reset();
+  bridge_->resolve("1", true);  // must not crash
+  SUCCEED();
+}
+
+struct BoolCase {
+  std::string name;
+  Json value;
+  bool expected;
+  // Names the case in test listings instead of dumping its bytes.
+  friend void PrintTo(const BoolCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class BoolArgTest : public ::testing::TestWithParam<BoolCase> {};
+
+TEST_P(BoolArgTest, ReadsBooleanArguments) {
+  EXPECT_EQ(boolArg(&GetParam().value), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, BoolArgTest,
+    ::testing::Values(BoolCase{"true", true, true}, BoolCase{"false", false, false},
+                      BoolCase{"upper_TRUE", "TRUE", true}, BoolCase{"kaiqi", "开启", true},
+                      BoolCase{"qiyong", "启用", true}, BoolCase{"yes", "Yes", true},
+                      BoolCase{"on", "on", true}, BoolCase{"one", "1", true},
+                      BoolCase{"leading_blank", " true", false}, BoolCase{"number_2", 2, false},
+                      BoolCase{"number_1", 1, false}, BoolCase{"null", nullptr, false},
+                      BoolCase{"enabled", Json{{"enabled", true}}, true},
+                      BoolCase{"only_autoLaunch", Json{{"autoLaunch", true}}, true},
+                      BoolCase{"skips_non_bool", Json{{"enabled", "yes"}, {"openAtLogin", true}}, true},
+                      BoolCase{"first_bool_wins", Json{{"enabled", false}, {"autoLaunch", true}}, false},
+                      BoolCase{"no_bool_key", Json{{"enabled", 1}}, false},
+                      BoolCase{"array", Json::array({true}), false}),
+    [](const auto& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace qev::bridge

@@ -1,0 +1,109 @@
+#include "core/controller_readiness.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <vector>
+
+#include "net_loopback_server.h"
+
+namespace qev::core {
+namespace {
+
+using namespace std::chrono_literals;
+
+class SilentLog : public base::Logger {
+ public:
+  void message(std::string_view) const noexcept override {}
+};
+
+struct Rig {
+  explicit Rig(std::string base, ReadinessTimings timings = {})
+      : controller(session, log, std::move(base)),
+        readiness(session, controller, executors, timings) {}
+
+  bool ready() {
+    std::promise<bool> promise;
+    readiness.isControllerReady([&](bool value) { promise.set_value(value); });
+    return promise.get_future().get();
+  }
+  bool wait(std::chrono::milliseconds budget) {
+    std::promise<bool> promise;
+    readiness.waitForController(budget, [&](bool value) { promise.set_value(value); });
+    return promise.get_future().get();
+  }
+
+  base::Executors executors{4};
+  net::HttpSession session{executors};
+  SilentLog log;
+  controller::ControllerClient controller;
+  ControllerReadiness readiness;
+};
+
+TEST(ReadinessTest, AnyHttpAnswerCountsAsReady) {
+  test::LoopbackServer server;
+  // No route for "/": the server answers 404, which still proves that something listens.
+  server.server().Get("/other", [](const httplib::Request&, httplib::Response&) {});
+  server.start();
+  Rig rig(server.base(), {5s, 100ms});  // generous: sanitizer builds answer slowly
+  EXPECT_TRUE(rig.ready());
+  EXPECT_TRUE(rig.wait(0ms));
+}
+
+TEST(ReadinessTest, NothingListeningEndsFalse) {
+  Rig rig("http://127.0.0.1:1", {200ms, 50ms});
+  EXPECT_FALSE(rig.ready());
+  EXPECT_FALSE(rig.wait(0ms));
+  EXPECT_FALSE(rig.wait(300ms));
+  Rig broken("http://bad host");
+  EXPECT_FALSE(broken.ready());
+}
+
+TEST(ReadinessTest, WaitSucceedsOnceTheControllerComesUp) {
+  test::LoopbackServer server;
+  std::atomic<int> probes{0};
+  server.server().Get("/", [&](const httplib::Request&, httplib::Response& res) {
+    // The first probes fail the way a connection refused does: no HTTP answer at all.
+    if (++probes < 3) {
+      std::this_thread::sleep_for(2500ms);
+    }
+    res.set_content("{\"hello\":\"mihomo\"}", "application/json");
+  });
+  server.start();
+  Rig rig(server.base(), {1s, 20ms});
+  EXPECT_TRUE(rig.wait(10s));
+  EXPECT_GE(probes.load(), 3);
+}
+
+TEST(ReadinessTest, EnsureProxyPortsSendsTheFixedPortsAndAlwaysCompletes) {
+  test::LoopbackServer server;
+  std::mutex mutex;
+  std::string method;
+  Json body;
+  server.server().Put("/configs", [&](const httplib::Request& req, httplib::Response& res) {
+    std::lock_guard lock(mutex);
+    method = req.method;
+    body = Json::parse(req.body, nullptr, false);
+    res.status = 204;
+  });
+  server.start();
+  Rig rig(server.base(), {5s, 100ms});
+  std::promise<void> done;
+  rig.readiness.ensureProxyPorts([&] { done.set_value(); });
+  done.get_future().get();
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(method, "PUT");
+    EXPECT_EQ(body, Json({{"port", 33210}, {"socks-port", 33211}}));
+  }
+
+  Rig dead("http://127.0.0.1:1");
+  std::promise<void> deadDone;
+  dead.readiness.ensureProxyPorts([&] { deadDone.set_value(); });
+  deadDone.get_future().get();
+}
+
+}  // namespace
+}  // namespace qev::core
