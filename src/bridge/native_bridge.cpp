@@ -74,8 +74,9 @@ void NativeBridge::buildCoreParts() {
   auto ensureCore = [this](BoolCompletion done) {
     supervisor_->ensureMihomoRunning(std::move(done));
   };
-  proxySelection_ = std::make_unique<proxies::ProxySelection>(controller_, selection_, settings_,
-                                                              *systemProxy_, ensureCore, log_);
+  auto outline = [this] { return runtimeConfig_.outline(); };
+  proxySelection_ = std::make_unique<proxies::ProxySelection>(
+      controller_, selection_, settings_, *systemProxy_, ensureCore, outline, log_);
   runtimeSettings_ =
       std::make_unique<proxies::RuntimeSettings>(controller_, settings_, ensureCore, log_);
   configCommands_ = std::make_unique<subscription::ConfigCommands>(subscription::ConfigCommandsDeps{
@@ -85,11 +86,11 @@ void NativeBridge::buildCoreParts() {
       [this] { geoData_.ensureGeoDataFiles(); }, [this] { return apiBase_; }, profile_.platformName,
       log_});
   proxySwitch_ = std::make_unique<proxies::ProxySwitch>(
-      controller_, http_, *proxySelection_, selection_, *systemProxy_, ensureCore,
+      controller_, http_, *proxySelection_, selection_, settings_, *systemProxy_, ensureCore,
       [this](Resolve resolve, Reject reject) {
         configCommands_->putConfig(Json::array(), std::move(resolve), std::move(reject));
       },
-      log_, std::string(deployment::kConnectivityCheckUrl));
+      outline, log_, std::string(deployment::kConnectivityCheckUrl));
   tunSwitch_ = std::make_unique<core::TunSwitch>(
       settings_, runtimeConfig_, tunRollback_,
       core::TunSwitchHooks{[this](std::string reason, BoolCompletion done) {

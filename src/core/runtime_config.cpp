@@ -5,6 +5,7 @@
 #include "base/fs.h"
 #include "base/utf8.h"
 #include "config/runtime_config_text.h"
+#include "config/subscription_check.h"
 
 namespace qev::core {
 namespace {
@@ -36,12 +37,15 @@ bool RuntimeConfig::hasRunnableConfig() const {
 Result<std::string> RuntimeConfig::readRawSubscriptionConfigText() const {
   if (base::itemExists(paths_.protectedRawConfig)) {
     auto data = files_.readProtectedData(paths_.protectedRawConfig);
-    // A body that does not unmask to text reads as no subscription at all.
-    return (data && base::isValidUtf8(*data)) ? std::move(*data) : std::string();
+    if (!data) return std::string();  // unreadable: no subscription at all
+    // Bytes that are not text (a damaged disk, another program's file) never reach the core.
+    if (!base::isValidUtf8(*data)) return config::invalidSubscriptionError();
+    return std::move(*data);
   }
   const auto& plain = base::itemExists(paths_.tmpYaml) ? paths_.tmpYaml : paths_.legacyTmpYaml;
   auto text = base::readFile(plain);
   if (!text) return unreadable(plain);
+  if (!base::isValidUtf8(*text)) return config::invalidSubscriptionError();
   return std::move(*text);
 }
 
@@ -53,7 +57,22 @@ std::optional<BridgeError> RuntimeConfig::normalizeTmpYaml(bool tun) const {
       config::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
 }
 
+config::ConfigOutline RuntimeConfig::outline() const {
+  std::lock_guard lock(outlineMutex_);
+  if (!outline_) {
+    const auto data = base::itemExists(paths_.protectedConfig)
+                          ? files_.readProtectedData(paths_.protectedConfig)
+                          : std::nullopt;
+    outline_ = data ? config::outlineOf(*data) : config::ConfigOutline{};
+  }
+  return *outline_;
+}
+
 std::optional<BridgeError> RuntimeConfig::writeBoth(const std::string& text) const {
+  {
+    std::lock_guard lock(outlineMutex_);
+    outline_ = config::outlineOf(text);
+  }
   if (auto ec = files_.writeProtectedString(text, paths_.protectedConfig)) {
     return fileError(ec, paths_.protectedConfig);
   }

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "base/error.h"
 #include "base/logger.h"
+#include "config/config_outline.h"
 #include "storage/profile.h"
 #include "storage/protected_files.h"
 #include "storage/settings_store.h"
@@ -31,6 +33,10 @@ class RuntimeConfig {
   // Makes sure the plaintext file for the core exists; false (logged) when it cannot.
   bool prepareRuntimeConfigFile() const;
 
+  // The catch-all target and group order of the runtime configuration last written (or, after
+  // a start, of the one kept protected from before); empty when there is none.
+  config::ConfigOutline outline() const;
+
  private:
   std::optional<BridgeError> writeBoth(const std::string& text) const;
 
@@ -38,6 +44,8 @@ class RuntimeConfig {
   const storage::ProtectedFiles& files_;
   const storage::SettingsStore& settings_;
   const base::Logger& log_;
+  mutable std::mutex outlineMutex_;
+  mutable std::optional<config::ConfigOutline> outline_;
 };
 
 }  // namespace qev::core

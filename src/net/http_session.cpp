@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -75,6 +76,7 @@ struct Transfer {
   curl_slist* headerList = nullptr;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   HttpResponse response;
+  bool tooLarge = false;
 
   ~Transfer() { release(); }
   void release() {
@@ -87,6 +89,11 @@ struct Transfer {
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
+  const std::size_t limit = transfer->request.maxBodyBytes.value_or(SIZE_MAX);
+  if (size * count > limit - std::min(limit, transfer->response.body.size())) {
+    transfer->tooLarge = true;
+    return 0;  // aborts the transfer
+  }
   transfer->response.body.append(data, size * count);
   return size * count;
 }
@@ -334,7 +341,7 @@ class HttpSession::Impl {
 
   void finish(std::unique_ptr<Transfer> transfer, CURLcode code) {
     if (code != CURLE_OK) {
-      std::string text = transfer->errorBuffer;
+      std::string text = transfer->tooLarge ? std::string(kBodyTooLarge) : transfer->errorBuffer;
       if (text.empty()) text = curl_easy_strerror(code);
       deliver(std::move(transfer->completion), BridgeError::system(text, static_cast<int>(code)));
       return;

@@ -21,6 +21,8 @@ struct HttpRequest {
   HeaderList headers;
   std::optional<std::string> body;
   std::chrono::milliseconds timeout{60000};
+  // A larger body ends the transfer with a failure instead of being held whole in memory.
+  std::optional<std::size_t> maxBodyBytes;
 };
 
 struct HttpResponse {
@@ -29,6 +31,9 @@ struct HttpResponse {
   HeaderList headers;  // in arrival order, names as sent
   std::string body;
 };
+
+// The description of the failure of a transfer whose body passed its `maxBodyBytes`.
+inline constexpr std::string_view kBodyTooLarge = "response body too large";
 
 // A transport failure arrives as a BridgeError whose description is the transport's text.
 using HttpCompletion = std::function<void(Result<HttpResponse>)>;

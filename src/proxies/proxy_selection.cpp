@@ -7,6 +7,7 @@
 #include "controller/controller_reply.h"
 #include "proxies/selection_args.h"
 #include "proxies/server_list.h"
+#include "proxies/traffic_path.h"
 
 namespace qev::proxies {
 namespace {
@@ -23,12 +24,13 @@ bool groupHolds(const Json& entry, const std::string& name) {
 ProxySelection::ProxySelection(controller::ControllerClient& controller, storage::SelectionMemory& memory,
                                const storage::SettingsStore& settings,
                                sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
-                               const base::Logger& log)
+                               ReadOutline outline, const base::Logger& log)
     : controller_(controller),
       memory_(memory),
       settings_(settings),
       systemProxy_(systemProxy),
       ensureCore_(std::move(ensureCore)),
+      outline_(std::move(outline)),
       log_(log) {}
 
 void ProxySelection::setProxy(const Json& args, Resolve resolve, Reject reject) {
@@ -57,33 +59,105 @@ void ProxySelection::setProxy(const Json& args, Resolve resolve, Reject reject) 
   });
 }
 
-void ProxySelection::selectProxy(std::string group, std::string name,
-                                 std::function<void(std::optional<BridgeError>)> completion) {
+void ProxySelection::selectProxy(std::string group, std::string name, Completion completion) {
+  if (group.empty() || group == kSelectorGroup) {
+    selectInMainGroup(name, std::move(completion));
+    return;
+  }
+  putSelection(std::move(group), name,
+               [this, name, completion = std::move(completion)](std::optional<BridgeError> error,
+                                                                std::string taken) {
+                 if (error) {
+                   completion(std::move(error));
+                 } else {
+                   finishSelection(taken, name, completion);
+                 }
+               });
+}
+
+void ProxySelection::putSelection(std::string group, std::string name, SelectionDone done) {
   log_.message("native.setProxy.try: group=" + group + " name=" + name);
-  const std::string url = controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group);
+  const std::string url =
+      controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group);
   controller_.httpJSON(
       "PUT", url, Json{{"name", name}},
-      [this, group, name, completion = std::move(completion)](Result<Json> reply) {
+      [this, group, name, done = std::move(done)](Result<Json> reply) {
         auto error = controller::controllerChangeError(reply);
         if (!error) {
-          finishSelection(group, name, completion);
+          done(std::nullopt, group);
           return;
         }
-        findSelectorGroup(name, [this, group, name, completion,
+        findSelectorGroup(name, [this, group, name, done,
                                  first = std::move(*error)](std::optional<std::string> found) {
           if (found && *found != group) {
             log_.message("native.setProxy.fallback: " + group + " -> " + *found);
-            selectProxy(*found, name, completion);
+            putSelection(*found, name, done);
             return;
           }
           log_.message("native.setProxy.error: " + first.description);
-          completion(first);
+          done(first, group);
         });
       });
 }
 
+void ProxySelection::selectInMainGroup(const std::string& name, Completion completion) {
+  controller_.httpJSON(
+      "GET", controller_.base() + "/proxies", std::nullopt,
+      [this, name, completion = std::move(completion)](Result<Json> reply) {
+        const Json* table = nullptr;
+        if (reply && reply.value().is_object() && reply.value().contains("proxies")) {
+          table = &reply.value()["proxies"];
+        }
+        const config::ConfigOutline outline = outline_();
+        const std::optional<std::string> main =
+            table ? resolveMainGroup(*table, outline) : std::nullopt;
+        // Each selector from the catch-all target points at the next one down to the main group.
+        std::vector<std::pair<std::string, std::string>> route;
+        if (table && main && outline.catchAllTarget) {
+          const auto path = selectorPath(*table, *outline.catchAllTarget, *main);
+          for (std::size_t i = 0; i + 1 < path.size(); ++i) route.emplace_back(path[i], path[i + 1]);
+        }
+        if (main && *main != "GLOBAL" && table && isSelectorEntry((*table)["GLOBAL"])) {
+          route.emplace_back("GLOBAL", name);
+        }
+        putSelection(main.value_or(std::string(kSelectorGroup)), name,
+                     [this, name, route = std::move(route), completion](
+                         std::optional<BridgeError> error, std::string taken) mutable {
+                       if (error) {
+                         completion(std::move(error));
+                         return;
+                       }
+                       putEach(std::move(route), 0, [this, taken, name, completion] {
+                         finishSelection(taken, name, completion);
+                       });
+                     });
+      });
+}
+
+void ProxySelection::putEach(std::vector<std::pair<std::string, std::string>> steps,
+                             std::size_t next, DoneCompletion done) {
+  if (next >= steps.size()) {
+    done();
+    return;
+  }
+  const auto [group, member] = steps[next];
+  controller_.httpJSON(
+      "PUT", controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group),
+      Json{{"name", member}},
+      [this, steps = std::move(steps), next, done = std::move(done), group, member](
+          Result<Json> reply) mutable {
+        if (auto error = controller::controllerChangeError(reply)) {
+          log_.message("native.setProxy.route.error: " + group + " -> " + member + ": " +
+                       error->description);
+        } else {
+          log_.message("native.setProxy.route: " + group + " -> " + member);
+        }
+        putEach(std::move(steps), next + 1, std::move(done));
+      });
+}
+
 void ProxySelection::finishSelection(const std::string& group, const std::string& name,
-                                     std::function<void(std::optional<BridgeError>)> completion) {
+                                     Completion completion) {
   controller_.closeConnections([this, group, name, completion = std::move(completion)] {
     const std::string ok = "native.setProxy.ok: group=" + group + " name=" + name;
     if (!systemProxy_.isSystemProxyDesired()) {

@@ -4,21 +4,25 @@
 
 #include "base/constants.h"
 #include "proxies/server_list.h"
+#include "proxies/traffic_path.h"
 
 namespace qev::proxies {
 
 ProxySwitch::ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session,
                          ProxySelection& selection, const storage::SelectionMemory& memory,
+                         const storage::SettingsStore& settings,
                          sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
-                         ApplyConfig applyConfig, const base::Logger& log,
+                         ApplyConfig applyConfig, ReadOutline outline, const base::Logger& log,
                          std::string connectivityCheckUrl)
     : controller_(controller),
       session_(session),
       selection_(selection),
       memory_(memory),
+      settings_(settings),
       systemProxy_(systemProxy),
       ensureCore_(std::move(ensureCore)),
       applyConfig_(std::move(applyConfig)),
+      outline_(std::move(outline)),
       log_(log),
       connectivityCheckUrl_(std::move(connectivityCheckUrl)) {}
 
@@ -37,7 +41,7 @@ void ProxySwitch::getServers(Resolve resolve) {
             resolve(false);
             return;
           }
-          auto client = normalizeProxiesForClient(std::move(body["proxies"]));
+          auto client = normalizeProxiesForClient(std::move(body["proxies"]), outline_());
           if (client.alias) {
             log_.message("native.getServers.alias: " + std::string(kSelectorGroup) + "->" +
                          *client.alias);
@@ -93,25 +97,30 @@ void ProxySwitch::stopProxy(Resolve resolve) {
 
 void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
   const auto remembered = memory_.get();
-  const std::string group =
-      remembered.group.empty() ? std::string(kSelectorGroup) : remembered.group;
-  if (group != kSelectorGroup) {
-    probeGroup(group, std::move(completion));
+  if (!remembered.group.empty() && remembered.group != kSelectorGroup) {
+    probeGroup(remembered.group, std::move(completion));
     return;
   }
-  // "SELECT" is the page's name for the main group; a core whose subscription has no group of
-  // that name is probed through the group the page sees behind it.
+  const std::string mode = settings_.readModeSetting();
+  if (mode == "direct") {
+    log_.message("native.proxy.health: available=true mode=direct");
+    completion(true);
+    return;
+  }
+  const config::ConfigOutline outline = outline_();
+  if (auto entry = trafficEntry(mode, outline)) {
+    probeGroup(*entry, std::move(completion));
+    return;
+  }
+  // No catch-all rule: the main group is the best guess of where the traffic goes.
   controller_.httpJSON(
       "GET", controller_.base() + "/proxies", std::nullopt,
-      [this, group, completion = std::move(completion)](Result<Json> reply) mutable {
-        std::string target = group;
+      [this, outline, completion = std::move(completion)](Result<Json> reply) mutable {
+        std::optional<std::string> main;
         if (reply && reply.value().is_object() && reply.value().contains("proxies")) {
-          const Json& table = reply.value()["proxies"];
-          if (table.is_object() && !table.contains(group)) {
-            if (auto alias = normalizeProxiesForClient(table).alias) target = *alias;
-          }
+          main = resolveMainGroup(reply.value()["proxies"], outline);
         }
-        probeGroup(target, std::move(completion));
+        probeGroup(main.value_or(std::string(kSelectorGroup)), std::move(completion));
       });
 }
 
@@ -134,7 +143,7 @@ void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion
       }
     }
     log_.message(std::string("native.proxy.health: available=") + (available ? "true" : "false") +
-                 " status=" + std::to_string(status) + " delay=" + delay + " node=" + group);
+                 " status=" + std::to_string(status) + " delay=" + delay + " group=" + group);
     completion(available);
   });
 }

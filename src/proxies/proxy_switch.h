@@ -9,6 +9,7 @@
 #include "controller/controller_client.h"
 #include "proxies/proxy_selection.h"
 #include "storage/selection_memory.h"
+#include "storage/settings_store.h"
 #include "sysproxy/system_proxy_requests.h"
 
 namespace qev::proxies {
@@ -21,8 +22,9 @@ using ApplyConfig = std::function<void(Resolve, Reject)>;
 class ProxySwitch {
  public:
   ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session, ProxySelection& selection,
-              const storage::SelectionMemory& memory, sysproxy::SystemProxyRequests& systemProxy,
-              EnsureCore ensureCore, ApplyConfig applyConfig, const base::Logger& log,
+              const storage::SelectionMemory& memory, const storage::SettingsStore& settings,
+              sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
+              ApplyConfig applyConfig, ReadOutline outline, const base::Logger& log,
               std::string connectivityCheckUrl);
 
   // The core's proxy table for the page, or false when the core cannot be asked. Never rejects.
@@ -32,8 +34,9 @@ class ProxySwitch {
   void startProxy(Resolve resolve, Reject reject);
   // Switches the system proxy off; the core keeps running.
   void stopProxy(Resolve resolve);
-  // The core's delay test of the remembered group ("SELECT" when none, which stands for the
-  // group the page sees behind that name when the core has no group of its own by it).
+  // The core's delay test along the user's traffic: through the catch-all target in rule mode,
+  // GLOBAL in global mode, the remembered group when the page named one; nothing to test (true)
+  // in direct mode.
   void checkSelectedProxyConnectivity(BoolCompletion completion);
   // Switches the system proxy back on after a passing check when the user left it on.
   void restoreProxyIfNeeded();
@@ -45,9 +48,11 @@ class ProxySwitch {
   net::HttpSession& session_;
   ProxySelection& selection_;
   const storage::SelectionMemory& memory_;
+  const storage::SettingsStore& settings_;
   sysproxy::SystemProxyRequests& systemProxy_;
   EnsureCore ensureCore_;
   ApplyConfig applyConfig_;
+  ReadOutline outline_;
   const base::Logger& log_;
   std::string connectivityCheckUrl_;
 };

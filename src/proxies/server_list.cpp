@@ -7,6 +7,7 @@
 #include "base/constants.h"
 #include "base/strings.h"
 #include "config/hidden_choices.h"
+#include "proxies/traffic_path.h"
 
 namespace qev::proxies {
 namespace {
@@ -49,7 +50,7 @@ std::optional<Json> filteredProxyItem(Json item) {
   return item;
 }
 
-ClientProxyTable normalizeProxiesForClient(Json table) {
+ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutline& outline) {
   if (!table.is_object()) return {std::move(table), std::nullopt};
   Json visible = Json::object();
   for (auto& [key, entry] : table.items()) {
@@ -63,16 +64,12 @@ ClientProxyTable normalizeProxiesForClient(Json table) {
   const std::string selector(kSelectorGroup);
   if (visible.contains(selector)) return {std::move(visible), std::nullopt};
 
-  const auto aliasFrom = [&](const std::string& group) -> ClientProxyTable {
-    Json copy = visible[group];
-    copy["name"] = selector;
-    visible[selector] = std::move(copy);
-    return {std::move(visible), group};
-  };
-  for (const auto& group : groupSearchOrder(visible)) {
-    if (isSelectorEntry(visible[group])) return aliasFrom(group);
-  }
-  return {std::move(visible), std::nullopt};
+  const auto main = resolveMainGroup(visible, outline);
+  if (!main) return {std::move(visible), std::nullopt};
+  Json copy = visible[*main];
+  copy["name"] = selector;
+  visible[selector] = std::move(copy);
+  return {std::move(visible), *main};
 }
 
 std::vector<std::string> groupSearchOrder(const Json& table) {

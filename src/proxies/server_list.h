@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/json.h"
+#include "config/config_outline.h"
 
 namespace qev::proxies {
 
@@ -18,8 +19,8 @@ struct ClientProxyTable {
 };
 
 // The core's proxy table as the page expects it: hidden entries gone and a "SELECT" selector,
-// aliased from the preferred main group (or the first selector) when the table has none.
-ClientProxyTable normalizeProxiesForClient(Json table);
+// aliased from the main group (resolveMainGroup) when the table has none.
+ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutline& outline);
 
 // "count=N selectors=M" for a table, "nonObject" for anything else.
 std::string proxySummary(const Json& value);

@@ -7,6 +7,7 @@
 #include "net/url.h"
 #include "proxies/selection_args.h"
 #include "config/routing_mode.h"
+#include "config/subscription_check.h"
 #include "subscription/subscribe_link.h"
 
 namespace qev::subscription {
@@ -15,6 +16,9 @@ namespace {
 const Json* first(const Json& args) {
   return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
 }
+
+// Larger answers are no subscription: a feed of a few thousand nodes is well under 10 MiB.
+constexpr std::size_t kMaxSubscriptionBytes = 32u << 20;
 
 bool isHttpUrl(const std::string& text) {
   const auto url = net::parseUrl(text);
@@ -85,18 +89,29 @@ void ConfigCommands::download(const std::string& url, Resolve resolve, Reject re
   request.url = url;
   request.timeout = std::chrono::seconds(60);
   request.headers = {{"User-Agent", "clash.meta"}};
+  request.maxBodyBytes = kMaxSubscriptionBytes;
   deps_.session.send(std::move(request), [this, resolve, reject](Result<net::HttpResponse> reply) {
     if (!reply) {
-      reject(reply.error());
+      if (reply.error().description == net::kBodyTooLarge) {
+        rejectInvalid("larger than 32 MiB", reject);
+      } else {
+        reject(reply.error());
+      }
       return;
     }
     const auto& response = reply.value();
-    if (response.status < 200 || response.status > 299 || response.body.empty()) {
+    if (response.status < 200 || response.status > 299) {
       reject(BridgeError::native(static_cast<int>(response.status),
                                  "subscribe HTTP " + std::to_string(response.status)));
       return;
     }
-    if (auto ec = deps_.files.writeProtectedData(response.body, deps_.paths.protectedRawConfig)) {
+    // Nothing stored, applied or restarted unless the core could run the answer.
+    const std::string_view body = config::withoutByteOrderMark(response.body);
+    if (const auto reason = config::unusableSubscriptionReason(body)) {
+      rejectInvalid(*reason, reject);
+      return;
+    }
+    if (auto ec = deps_.files.writeProtectedData(body, deps_.paths.protectedRawConfig)) {
       reject(BridgeError::system(ec.message() + ": " + deps_.paths.protectedRawConfig.string()));
       return;
     }
@@ -112,6 +127,11 @@ void ConfigCommands::download(const std::string& url, Resolve resolve, Reject re
         },
         reject);
   });
+}
+
+void ConfigCommands::rejectInvalid(std::string_view reason, const Reject& reject) const {
+  deps_.log.message("native.subscribe.invalid: " + std::string(reason));
+  reject(config::invalidSubscriptionError());
 }
 
 void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject reject) {

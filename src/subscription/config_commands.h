@@ -53,6 +53,7 @@ class ConfigCommands {
   bool forwardMode(const Json& args, const Resolve& resolve, const Reject& reject);
   void download(const std::string& url, Resolve resolve, Reject reject);
   void applyStoredConfig(Resolve resolve, Reject reject);
+  void rejectInvalid(std::string_view reason, const Reject& reject) const;
 
   ConfigCommandsDeps deps_;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "proxies/selection_args.h"
+#include "proxies/traffic_path.h"
 #include "subscription/subscribe_link.h"
 
 namespace qev::proxies {
@@ -22,7 +23,7 @@ TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember
                 {"Main", group("Main", "Selector", {"自动选择", "DIRECT", "HK-01", "JP-02"}, "自动选择")},
                 {"OnlyHidden", group("OnlyHidden", "Selector", {"Auto", "REJECT"}, "Auto")},
                 {"odd", 42}};
-  const auto result = normalizeProxiesForClient(table);
+  const auto result = normalizeProxiesForClient(table, {});
   const Json& t = result.table;
   EXPECT_FALSE(t.contains("剩余流量：97 GB"));
   EXPECT_FALSE(t.contains("Fallback"));
@@ -32,7 +33,6 @@ TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember
   EXPECT_EQ(t["OnlyHidden"]["all"], Json::array());
   EXPECT_EQ(t["OnlyHidden"]["now"], "");
   EXPECT_EQ(t["odd"], 42);
-  // No preferred group: the first selector in table order is aliased.
   ASSERT_TRUE(result.alias);
   EXPECT_EQ(*result.alias, "Main");
   EXPECT_EQ(t["SELECT"]["name"], "SELECT");
@@ -40,49 +40,58 @@ TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember
   EXPECT_EQ(t["Main"]["name"], "Main");  // the original stays under its own name
 }
 
-struct AliasCase {
-  std::string name;
-  Json table;
-  std::optional<std::string> alias;
-  friend void PrintTo(const AliasCase& c, std::ostream* os) { *os << c.name; }
-};
+TEST(MainGroupTest, FollowsTheCatchAllRuleToTheSelectorThatHoldsNodes) {
+  const Json converter = {
+      {"🐟 漏网之鱼", group("🐟 漏网之鱼", "Selector", {"🚀 节点选择", "DIRECT"}, "🚀 节点选择")},
+      {"🚀 节点选择", group("🚀 节点选择", "Selector", {"♻️ 自动选择", "HK", "JP"}, "♻️ 自动选择")},
+      {"♻️ 自动选择", group("♻️ 自动选择", "URLTest", {"HK", "JP"}, "HK")},
+      {"🎬 国内媒体", group("🎬 国内媒体", "Selector", {"DIRECT", "HK"}, "DIRECT")},
+      {"GLOBAL", group("GLOBAL", "Selector", {"DIRECT", "HK", "JP"}, "DIRECT")},
+      {"DIRECT", {{"name", "DIRECT"}, {"type", "Direct"}}},
+      {"HK", node("HK")},
+      {"JP", node("JP")}};
+  const config::ConfigOutline outline{"🐟 漏网之鱼", {"🎬 国内媒体", "🐟 漏网之鱼", "🚀 节点选择"}};
+  EXPECT_EQ(resolveMainGroup(converter, outline), "🚀 节点选择");
+  EXPECT_EQ(selectorPath(converter, "🐟 漏网之鱼", "🚀 节点选择"),
+            (std::vector<std::string>{"🐟 漏网之鱼", "🚀 节点选择"}));
+  EXPECT_EQ(selectorPath(converter, "🎬 国内媒体", "🚀 节点选择"), std::vector<std::string>{});
+  EXPECT_EQ(normalizeProxiesForClient(converter, outline).alias, "🚀 节点选择");
 
-class AliasTest : public ::testing::TestWithParam<AliasCase> {};
+  // A catch-all straight to an automatic group: the other panels' main groups, then file order.
+  const config::ConfigOutline toUrlTest{"♻️ 自动选择", {"🎬 国内媒体", "🚀 节点选择"}};
+  EXPECT_EQ(resolveMainGroup(converter, toUrlTest), "GLOBAL");
+  Json withoutGlobal = converter;
+  withoutGlobal.erase("GLOBAL");
+  EXPECT_EQ(resolveMainGroup(withoutGlobal, toUrlTest), "🚀 节点选择");
+  EXPECT_EQ(resolveMainGroup(withoutGlobal, config::ConfigOutline{}), "🚀 节点选择");
 
-TEST_P(AliasTest, ChoosesTheGroupBehindSelect) {
-  const auto result = normalizeProxiesForClient(GetParam().table);
-  EXPECT_EQ(result.alias, GetParam().alias);
-  EXPECT_EQ(result.table.contains("SELECT"), GetParam().alias.has_value() ||
-                                                GetParam().table.contains("SELECT"));
+  // The subscription's own names win.
+  Json product = converter;
+  product["QEV加速"] = group("QEV加速", "Selector", {"HK"}, "HK");
+  EXPECT_EQ(resolveMainGroup(product, outline), "QEV加速");
+  product["SELECT"] = group("SELECT", "Selector", {"JP"}, "JP");
+  EXPECT_EQ(resolveMainGroup(product, outline), "SELECT");
+  EXPECT_EQ(normalizeProxiesForClient(product, outline).alias, std::nullopt);
+  EXPECT_EQ(resolveMainGroup(Json{{"A", node("A")}}, outline), std::nullopt);
+
+  EXPECT_EQ(trafficEntry("rule", outline), "🐟 漏网之鱼");
+  EXPECT_EQ(trafficEntry("global", outline), "GLOBAL");
+  EXPECT_EQ(trafficEntry("direct", outline), std::nullopt);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, AliasTest,
-    ::testing::Values(
-        AliasCase{"existing_select_wins",
-                  {{"SELECT", group("SELECT", "Selector", {"A"}, "A")},
-                   {"GLOBAL", group("GLOBAL", "Selector", {"A"}, "A")}},
-                  std::nullopt},
-        AliasCase{"product_group_before_global",
-                  {{"QEV加速", group("QEV加速", "Selector", {"A"}, "A")},
-                   {"GLOBAL", group("GLOBAL", "Selector", {"A"}, "A")}},
-                  "QEV加速"},
-        AliasCase{"capitalised_type_qualifies",
-                  {{"GLOBAL", group("GLOBAL", "SELECTOR", {"A"}, "A")},
-                   {"Another", group("Another", "Selector", {"A"}, "A")}},
-                  "GLOBAL"},
-        AliasCase{"preferred_but_not_selector_skipped",
-                  {{"Proxy", group("Proxy", "URLTest", {"A"}, "A")},
-                   {"Zed", group("Zed", "Selector", {"A"}, "A")}},
-                  "Zed"},
-        AliasCase{"no_selector_no_alias", {{"A", node("A")}}, std::nullopt}),
-    [](const auto& info) { return info.param.name; });
+TEST(MainGroupTest, OutlineReadsTheCatchAllTargetAndTheGroupOrder) {
+  const auto outline = config::outlineOf(
+      "proxy-groups:\n  - {name: 'B, b', type: select, proxies: [x]}\n  - name: \"A\"\n"
+      "    proxies:\n      - x\nrules:\n  - MATCH,DIRECT\n  - 'MATCH, \"🐟 漏网之鱼\"'\n");
+  EXPECT_EQ(outline.catchAllTarget, "🐟 漏网之鱼");
+  EXPECT_EQ(outline.groupOrder, (std::vector<std::string>{"B, b", "A"}));
+}
 
 TEST(ServerListTest, SummaryCountsEntriesAndSelectors) {
   EXPECT_EQ(proxySummary(Json{{"a", node("a")}, {"g", group("g", "Selector", {}, "")}}),
             "count=2 selectors=1");
   EXPECT_EQ(proxySummary(Json::array()), "nonObject");
-  EXPECT_EQ(normalizeProxiesForClient(false).table, Json(false));
+  EXPECT_EQ(normalizeProxiesForClient(false, {}).table, Json(false));
 }
 
 struct ArgsCase {

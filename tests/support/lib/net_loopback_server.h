@@ -7,15 +7,6 @@
 #include <string>
 #include <thread>
 
-#if defined(__SANITIZE_THREAD__)
-// cpp-httplib comes prebuilt without instrumentation, so the sanitizer cannot see how its worker
-// threads hand buffers to each other and reports the server's own internals. Included once per
-// test program (each is a single file).
-extern "C" const char* __tsan_default_suppressions() {
-  return "called_from_lib:libcpp-httplib.so\nrace:libcpp-httplib.so\n";
-}
-#endif
-
 namespace qev::test {
 
 // A real HTTP server on a free loopback port for the duration of a test.
