@@ -19,6 +19,12 @@ bool groupHolds(const Json& entry, const std::string& name) {
          std::any_of(all->begin(), all->end(), [&](const Json& m) { return m == name; });
 }
 
+// Groups that accept a PUT: selectors, and automatic groups (which it pins).
+bool isSwitchableGroup(const Json& entry) {
+  const std::string type = entry.is_object() ? entry.value("type", "") : "";
+  return isSelectorEntry(entry) || type == "URLTest" || type == "Fallback";
+}
+
 }  // namespace
 
 ProxySelection::ProxySelection(controller::ControllerClient& controller, storage::SelectionMemory& memory,
@@ -114,8 +120,16 @@ void ProxySelection::selectInMainGroup(const std::string& name, Completion compl
         // Each selector from the catch-all target points at the next one down to the main group.
         std::vector<std::pair<std::string, std::string>> route;
         if (table && main && outline.catchAllTarget) {
-          const auto path = selectorPath(*table, *outline.catchAllTarget, *main);
+          const std::string& target = *outline.catchAllTarget;
+          const auto path = selectorPath(*table, target, *main);
           for (std::size_t i = 0; i + 1 < path.size(); ++i) route.emplace_back(path[i], path[i + 1]);
+          // A catch-all target that the main group cannot be reached from, but that holds the
+          // node itself (a site group beside the product group, an automatic group), gets the
+          // pick as well, or the pick would carry nothing in rule mode.
+          if (path.empty() && target != *main && isSwitchableGroup((*table)[target]) &&
+              groupHolds((*table)[target], name)) {
+            route.emplace_back(target, name);
+          }
         }
         if (main && *main != "GLOBAL" && table && isSelectorEntry((*table)["GLOBAL"])) {
           route.emplace_back("GLOBAL", name);

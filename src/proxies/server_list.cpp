@@ -33,43 +33,57 @@ bool isSelectorEntry(const Json& entry) {
          base::toLowerAscii(type->get_ref<const std::string&>()) == "selector";
 }
 
+namespace {
+
+bool isHiddenName(const Json& name) {
+  return name.is_string() && config::isHiddenProxyChoice(name.get_ref<const std::string&>());
+}
+
+// Drops hidden members in place and moves a hidden current member to the first visible one.
+void filterMembers(Json& item) {
+  const auto all = item.find("all");
+  if (all == item.end() || !isStringArray(*all)) return;
+  auto& members = all->get_ref<Json::array_t&>();
+  members.erase(std::remove_if(members.begin(), members.end(), isHiddenName), members.end());
+  const auto now = item.find("now");
+  if (now != item.end() && isHiddenName(*now)) {
+    *now = members.empty() ? Json(std::string()) : members.front();
+  }
+}
+
+}  // namespace
+
 std::optional<Json> filteredProxyItem(Json item) {
-  if (const auto name = item.find("name");
-      name != item.end() && name->is_string() && config::isHiddenProxyChoice(name->get<std::string>())) {
+  if (const auto name = item.find("name"); name != item.end() && isHiddenName(*name)) {
     return std::nullopt;
   }
-  const auto all = item.find("all");
-  if (all != item.end() && isStringArray(*all)) {
-    const auto visible = config::filteredProxyChoices(all->get<std::vector<std::string>>());
-    *all = visible;
-    const auto now = item.find("now");
-    if (now != item.end() && now->is_string() && config::isHiddenProxyChoice(now->get<std::string>())) {
-      *now = visible.empty() ? std::string() : visible.front();
-    }
-  }
+  filterMembers(item);
   return item;
 }
 
 ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutline& outline) {
   if (!table.is_object()) return {std::move(table), std::nullopt};
-  Json visible = Json::object();
-  for (auto& [key, entry] : table.items()) {
-    if (config::isHiddenProxyChoice(key)) continue;
-    if (!entry.is_object()) {
-      visible[key] = std::move(entry);
+  // Filtered in place: rebuilding a table of thousands of entries costs more than the filter.
+  auto& entries = table.get_ref<Json::object_t&>();
+  for (auto it = entries.begin(); it != entries.end();) {
+    const bool hidden = config::isHiddenProxyChoice(it->first) ||
+                        (it->second.is_object() && it->second.contains("name") &&
+                         isHiddenName(it->second["name"]));
+    if (hidden) {
+      it = entries.erase(it);
       continue;
     }
-    if (auto kept = filteredProxyItem(std::move(entry))) visible[key] = std::move(*kept);
+    if (it->second.is_object()) filterMembers(it->second);
+    ++it;
   }
   const std::string selector(kSelectorGroup);
-  if (visible.contains(selector)) return {std::move(visible), std::nullopt};
-
-  const auto main = resolveMainGroup(visible, outline);
-  if (!main) return {std::move(visible), std::nullopt};
-  Json copy = visible[*main];
+  if (table.contains(selector)) return {std::move(table), std::nullopt};
+  const auto main = resolveMainGroup(table, outline);
+  if (!main) return {std::move(table), std::nullopt};
+  Json copy = table[*main];
   copy["name"] = selector;
-  visible[selector] = std::move(copy);
-  return {std::move(visible), *main};
+  table[selector] = std::move(copy);
+  return {std::move(table), *main};
 }
 
 std::vector<std::string> groupSearchOrder(const Json& table) {

@@ -42,22 +42,19 @@ bool isNode(const Json& table, const std::string& name) {
   return true;
 }
 
-// The member names of a group entry.
-std::vector<std::string> membersOf(const Json& table, const std::string& name) {
-  std::vector<std::string> members;
+// The member list of a group entry, or none.
+const Json::array_t* membersOf(const Json& table, const std::string& name) {
   const Json* entry = entryOf(table, name);
-  if (entry == nullptr) return members;
+  if (entry == nullptr) return nullptr;
   const auto all = entry->find("all");
-  if (all == entry->end() || !all->is_array()) return members;
-  for (const auto& member : *all) {
-    if (member.is_string()) members.push_back(member.get<std::string>());
-  }
-  return members;
+  return all != entry->end() && all->is_array() ? &all->get_ref<const Json::array_t&>() : nullptr;
 }
 
 bool holdsNode(const Json& table, const std::string& group) {
-  for (const auto& member : membersOf(table, group)) {
-    if (isNode(table, member)) return true;
+  const auto* members = membersOf(table, group);
+  if (members == nullptr) return false;
+  for (const auto& member : *members) {
+    if (member.is_string() && isNode(table, member.get_ref<const std::string&>())) return true;
   }
   return false;
 }
@@ -77,10 +74,12 @@ std::vector<std::string> searchSelectors(const Json& table, const std::string& f
       for (std::string at = group; !at.empty(); at = cameFrom[at]) path.push_back(at);
       return {path.rbegin(), path.rend()};
     }
-    for (auto& member : membersOf(table, group)) {
-      if (isSelector(table, member) && cameFrom.emplace(member, group).second) {
-        queue.push_back(std::move(member));
-      }
+    const auto* members = membersOf(table, group);
+    if (members == nullptr) continue;
+    for (const auto& member : *members) {
+      if (!member.is_string()) continue;
+      const auto& name = member.get_ref<const std::string&>();
+      if (isSelector(table, name) && cameFrom.emplace(name, group).second) queue.push_back(name);
     }
   }
   return {};

@@ -100,11 +100,11 @@ TEST_F(ProxyFlowTest, SubscriptionToRunningCoreToSystemProxyAndBack) {
   ASSERT_GE(members.size(), 2u);
   const std::string node = members[1];
 
-  // 2. A node name alone is selected through the fallback group and remembered.
+  // 2. A node name alone is selected in the main group and remembered.
   auto selected = qev->call("3", "setProxy", Json::array({node}));
   ASSERT_TRUE(selected);
   EXPECT_EQ((*selected)["result"], true) << selected->dump();
-  EXPECT_TRUE(logHas(*qev, "native.setProxy.fallback: SELECT -> QEV加速"));
+  EXPECT_TRUE(logHas(*qev, "native.setProxy.ok: group=QEV加速 name=" + node));
   EXPECT_EQ(settingsFile(*qev)["lastSelectedProxyName"], node);
 
   // 4. A mode label reaches the core as its canonical word and the settings.

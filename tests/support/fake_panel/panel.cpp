@@ -248,6 +248,22 @@ Panel::Answer Panel::control(const httplib::Request& request) {
       if (!value.is_null() && !value.is_string()) return bad();
       next.macosVersion =
           value.is_null() ? std::nullopt : std::optional<std::string>(value.get<std::string>());
+    } else if (key == "subscription_body") {
+      // A string, or an array of byte values for bodies that are not text; null: generated.
+      if (value.is_null()) {
+        next.subscriptionBody.reset();
+      } else if (value.is_string()) {
+        next.subscriptionBody = value.get<std::string>();
+      } else if (value.is_array()) {
+        std::string bytes;
+        for (const auto& byte : value) {
+          if (!byte.is_number_integer()) return bad();
+          bytes.push_back(static_cast<char>(byte.get<int>()));
+        }
+        next.subscriptionBody = bytes;
+      } else {
+        return bad();
+      }
     } else {
       return reply(400, {{"error", "unknown setting " + key}});
     }
@@ -538,7 +554,7 @@ Panel::Answer Panel::subscribe(const httplib::Request& request, const PanelSetti
   answer.status = 200;
   answer.contentType = isV2(settings) ? (yaml ? "text/yaml" : "text/plain; charset=UTF-8")
                                       : "text/html; charset=UTF-8";
-  answer.body = body;
+  answer.body = settings.subscriptionBody.value_or(body);
   const std::string expire = settings.expiredAt ? std::to_string(*settings.expiredAt) : "";
   answer.headers = {
       {"subscription-userinfo", "upload=" + std::to_string(DemoAccount::kUpload) +

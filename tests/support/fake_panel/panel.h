@@ -44,6 +44,8 @@ struct PanelSettings {
   std::string siteName = "星河云";
   std::string subscribeBase;  // empty: "http://" + the request's Host
   std::optional<std::string> macosVersion = std::string("5.2.0");
+  // Served verbatim by the subscription route instead of the generated subscription.
+  std::optional<std::string> subscriptionBody;
 };
 
 // The panel's HTTP API in either generation's shape (see /work/shared/panel-api.md), plus the
