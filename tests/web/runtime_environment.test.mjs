@@ -61,53 +61,9 @@ describe('credential files', () => {
     });
   });
 
-  it('auth_data reads the file, then stored auth_data, then the stored authorization', async () => {
-    const cases = [
-      { storage: {}, expected: null },
-      { storage: { authorization: 'Bearer a' }, expected: 'Bearer a' },
-      { storage: { authorization: 'Bearer a', auth_data: 'legacy' }, expected: 'legacy' },
-    ];
-    for (const { storage, expected } of cases) {
-      await withPage({ storage }, (page, window) => {
-        const fs = window.require('fs');
-        if (expected === null) {
-          assert.throws(() => fs.readFileSync('auth_data'), /ENOENT/);
-        } else {
-          assert.equal(fs.readFileSync('/data/auth_data'), expected);
-        }
-      });
-    }
-    await withPage({ storage: { auth_data: 'stored' } }, (page, window) => {
-      const fs = window.require('fs');
-      fs.writeFileSync('\\data\\Auth_Data', 'written');
-      assert.equal(fs.readFileSync('/auth_data'), 'written');
-      assert.equal(window.localStorage.getItem('auth_data'), 'written');
-      assert.equal(window.localStorage.getItem('authorization'), 'written');
-    });
-  });
-
 });
 
 describe('request emulation', () => {
-
-  it('http.request builds the URL from its parts and sends what was written', async () => {
-    await withPage(withApiBase, async (page, window) => {
-      page.bridge.answer('httpRequest', () => ({ body: 'done' }));
-      let status = 0;
-      const request = window.require('http').request(
-        { method: 'post', hostname: '127.0.0.1', port: 33212, path: 'configs', headers: { 'Content-Type': 'application/json' } },
-        (response) => { status = response.statusCode; });
-      request.write('{"mode":');
-      request.end('"rule"}');
-      request.end();
-      await waitFor(() => status, { what: 'callback' });
-      assert.equal(status, 200);
-      assert.deepEqual(page.bridge.httpRequests(), [{
-        method: 'POST', url: 'http://127.0.0.1:33212/configs', headers: { 'Content-Type': 'application/json' },
-        body: '{"mode":"rule"}',
-      }]);
-    });
-  });
 
 });
 

@@ -48,20 +48,6 @@ describe('URL rewriting and routing', () => {
     });
   });
 
-  it('the API base comes from the page, then the frontend configuration, then the built-in one', async () => {
-    const sources = [
-      { before: (w) => { w.__QEVJS_API_BASE__ = 'https://a.example/'; w.__QEVJS_OSS_CONFIG__ = { api: 'https://b.example' }; }, base: 'https://a.example' },
-      { before: (w) => { w.__QEVJS_OSS_CONFIG__ = { api: 'https://b.example///' }; }, base: 'https://b.example' },
-      { before: () => {}, base: deployment.panelApiBase.replace(/\/+$/, '') },
-    ];
-    for (const { before, base } of sources) {
-      await withPage({ before }, async (page, window) => {
-        page.bridge.answer('httpRequest', () => ({ body: '' }));
-        await window.fetch('/api/v1/guest/comm/config');
-        assert.equal(page.bridge.httpRequests()[0].url, base + '/api/v1/guest/comm/config');
-      });
-    }
-  });
 });
 
 describe('credential retry', () => {
@@ -92,17 +78,6 @@ describe('credential retry', () => {
         `native.auth.retry: ${API}/api/v1/user/info attempt=2`,
       ]);
     });
-  });
-
-  it('does not retry outside the panel API or on other statuses', async () => {
-    const storage = { auth_data: 'legacy-cred', token: 'tok' };
-    for (const [url, status] of [['https://elsewhere.example/v2/user', 403], ['/api/v1/user/info', 500]]) {
-      await withPage({ ...withApiBase, storage }, async (page, window) => {
-        page.bridge.answer('httpRequest', () => ({ status, body: 'no' }));
-        assert.equal((await window.fetch(url)).status, status);
-        assert.equal(page.bridge.httpRequests().length, 1, url);
-      });
-    }
   });
 
 });

@@ -195,21 +195,5 @@ TEST_F(ProxyFlowTest, RestartRestoresTheProxyOnlyAfterAPassingCheck) {
   }
 }
 
-TEST_F(ProxyFlowTest, NormalizeConfigTurnsTheStoredSubscriptionIntoTheRuntimeConfiguration) {
-  const std::string user = storage::Environment::fromProcess().userName;
-  const auto data = dir_.path() / "home" / ".local" / "share" / "qevjs";
-  writeText(data / ".qevjs-subscribe.dat",
-            storage::encodeProtected("port: 7890\ntun:\n  stack: gvisor\nrules:\n  - MATCH,DIRECT\n",
-                                     user));
-  auto qev = start();
-  auto normalized = qev->call("1", "normalizeConfig");
-  ASSERT_TRUE(normalized);
-  EXPECT_EQ((*normalized)["result"], true) << normalized->dump();
-  EXPECT_EQ(storage::decodeProtected(readText(data / ".qevjs-config.dat"), user),
-            "rules:\n  - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT\n  - MATCH,DIRECT\n\n"
-            "port: 33210\nsocks-port: 33211\nexternal-controller: 127.0.0.1:33212\n"
-            "allow-lan: false\ngeo-auto-update: false\nipv6: false\nmode: rule\n");
-}
-
 }  // namespace
 }  // namespace qev::test

@@ -37,18 +37,6 @@ Json resultOf(const std::optional<Json>& answer) {
   return answer->at("result");
 }
 
-TEST(StorageHeadlessTest, FirstStartCreatesTheFolderAndTheDefaultSettings) {
-  TempDir dir;
-  const fs::path home = dir.path() / "home";
-  HeadlessQev qev({home});
-  EXPECT_EQ(resultOf(qev.call("1", "getSettings")), kDefaults);
-  const fs::path data = home / ".local/share/qevjs";
-  EXPECT_EQ(permissionsOf(data), 0700u);
-  EXPECT_EQ(Json::parse(readText(data / "qevjs-local.json")), kDefaults);
-  qev.closeInput();
-  EXPECT_EQ(qev.waitExit(), 0);
-}
-
 TEST(StorageHeadlessTest, PlaintextSubscriptionOfAnOlderVersionIsProtected) {
   TempDir dir;
   const fs::path home = dir.path() / "home";

@@ -140,25 +140,5 @@ TEST(AssetPathTest, RelativePathsNeverClimbOutOfDist) {
   for (const auto& c : cases) EXPECT_EQ(relativeAssetPath(c.path), c.relative) << c.path;
 }
 
-TEST(AssetPathTest, UrlPathIsDecodedWithoutAuthorityQueryOrFragment) {
-  EXPECT_EQ(decodedUrlPath("qevnative://app/a%20b/%E4%B8%AD.js?x=%20#f"), "/a b/中.js");
-  EXPECT_EQ(decodedUrlPath("qevnative://app"), "");
-  EXPECT_EQ(decodedUrlPath("qevnative://app?x"), "");
-  EXPECT_EQ(decodedUrlPath("qevnative://app/100%"), "/100%");
-  EXPECT_EQ(decodedUrlPath("qevnative://app/%zz%4"), "/%zz%4");
-  EXPECT_EQ(decodedUrlPath("qevnative:/local"), "/local");
-}
-
-TEST(AssetMimeTest, TableIsCaseInsensitiveAndClosed) {
-  EXPECT_EQ(mimeTypeForExtension("HTML"), "text/html");
-  EXPECT_EQ(mimeTypeForExtension("Js"), "application/javascript");
-  EXPECT_EQ(mimeTypeForExtension("svg"), "image/svg+xml");
-  EXPECT_EQ(mimeTypeForExtension("jpg"), "image/jpeg");
-  EXPECT_EQ(mimeTypeForExtension("JSON"), "application/json");
-  for (const char* other : {"", "htm", "ico", "map", "woff", "txt", "mjs"}) {
-    EXPECT_EQ(mimeTypeForExtension(other), "application/octet-stream") << other;
-  }
-}
-
 }  // namespace
 }  // namespace qev::app

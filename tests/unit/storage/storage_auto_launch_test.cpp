@@ -99,20 +99,6 @@ TEST_P(StorageAutoLaunchTest, EnableWritesTheFileAndMirrorsIt) {
   EXPECT_EQ(readText(paths.launchAgent), expectedText());
 }
 
-TEST_P(StorageAutoLaunchTest, DisableRemovesTheFileAndSucceedsWhenNoneExists) {
-  ASSERT_TRUE(autoLaunch.setAutoLaunch(true));
-  auto off = autoLaunch.setAutoLaunch(false);
-  ASSERT_TRUE(off);
-  EXPECT_EQ(off.value()["autoLaunch"], false);
-  EXPECT_FALSE(fs::exists(paths.launchAgent));
-
-  auto again = autoLaunch.setAutoLaunch(false);
-  ASSERT_TRUE(again);
-  EXPECT_EQ(again.value()["autoLaunch"], false);
-  EXPECT_EQ(Json::parse(readText(paths.settings))["autoLaunch"], false);
-  EXPECT_EQ(log.lines().back(), "native.autoLaunch.set: false");
-}
-
 TEST_P(StorageAutoLaunchTest, FailureIsLoggedAndRejectedWithoutTouchingTheSettings) {
   writeText(paths.launchAgent.parent_path(), "a file where the folder belongs");
   auto result = autoLaunch.setAutoLaunch(true);

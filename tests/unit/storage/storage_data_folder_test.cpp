@@ -80,16 +80,6 @@ TEST_P(StorageDataFolderTest, BothFoldersMergeWithTheCurrentOneWinning) {
   EXPECT_TRUE(systemLog.lines().empty());
 }
 
-TEST_P(StorageDataFolderTest, FailedMergeIsReportedToTheSystemLogAndKeepsTheLegacyFolder) {
-  writeText(legacy("tmp.yaml"), "subscription");
-  writeText(paths.appSupport, "a file where the data folder belongs");
-  migrate();
-  const auto messages = systemLog.lines();
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_TRUE(messages[0].starts_with("failed to merge legacy app support: ")) << messages[0];
-  EXPECT_EQ(readText(legacy("tmp.yaml")), "subscription");
-}
-
 TEST_P(StorageDataFolderTest, OldPlainFilesBecomeProtectedAndThePlainFileAlwaysWins) {
   writeText(paths.legacyTmpYaml, "proxies: [plain-subscription]\n");
   writeText(paths.legacyConfigYaml, "mode: global\n");

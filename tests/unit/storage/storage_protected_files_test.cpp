@@ -16,12 +16,6 @@ using storage::decodeProtected;
 using storage::encodeProtected;
 using storage::transformConfigData;
 
-std::string allByteValues(std::size_t length) {
-  std::string bytes(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>((i * 7 + 3) & 0xFF);
-  return bytes;
-}
-
 TEST(StorageMaskTest, KnownBytesOfTheStream) {
   // Masking zeros exposes the stream itself.
   const std::string stream = transformConfigData(std::string(40, '\0'), "user1");
@@ -30,25 +24,6 @@ TEST(StorageMaskTest, KnownBytesOfTheStream) {
   EXPECT_EQ(static_cast<unsigned char>(stream[1]), ('k' + 31) % 256);  // K[1] + 31
   // Index 30 with a 29-byte key: K[1] + 930 mod 256 = K[1] + 162.
   EXPECT_EQ(static_cast<unsigned char>(stream[30]), ('k' + 162) % 256);
-}
-
-TEST(StorageBase64Test, EncodesAndDecodesTheStandardVectors) {
-  const std::vector<std::pair<std::string, std::string>> vectors = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-      {"\xfb\xff\xbf", "+/+/"},
-  };
-  for (const auto& [plain, encoded] : vectors) {
-    EXPECT_EQ(base64Encode(plain), encoded);
-    EXPECT_EQ(base64Decode(encoded), plain) << encoded;
-  }
-  const std::string bytes = allByteValues(1000);
-  EXPECT_EQ(base64Decode(base64Encode(bytes)), bytes);
 }
 
 TEST(StorageProtectedFormatTest, IsTheHeaderAndOneLineOfBase64) {

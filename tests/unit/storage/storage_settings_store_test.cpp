@@ -114,15 +114,6 @@ TEST_P(StorageSettingsTest, WriteFailuresAreReportedNotThrown) {
   EXPECT_TRUE(store.update([](Json& s) { s["tun"] = true; }));
 }
 
-TEST_P(StorageSettingsTest, WriteJsonRefusesTextThatIsNotUtf8) {
-  writeText(paths.settings, "{}");
-  EXPECT_TRUE(storage::writeJSON(Json{{"name", "\xff"}}, paths.settings));
-  EXPECT_EQ(readText(paths.settings), "{}");
-  EXPECT_FALSE(storage::writeJSON(Json{{"b", 1}, {"a", {{"d", 2}, {"c", 3}}}}, paths.settings));
-  EXPECT_EQ(readText(paths.settings),
-            "{\n  \"a\": {\n    \"c\": 3,\n    \"d\": 2\n  },\n  \"b\": 1\n}");
-}
-
 INSTANTIATE_TEST_SUITE_P(Profiles, StorageSettingsTest,
                          ::testing::Values(storage::Platform::Linux, storage::Platform::MacOS),
                          [](const auto& info) {

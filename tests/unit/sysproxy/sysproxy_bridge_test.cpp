@@ -60,21 +60,6 @@ class SystemProxyWiringTest : public ::testing::Test {
   storage::Profile profile_;
 };
 
-TEST_F(SystemProxyWiringTest, InitialWishIsTheSavedBooleanOnly) {
-  struct Case {
-    Json proxyEnabled;
-    bool desired;
-  };
-  const std::vector<Case> cases = {
-      {true, true}, {false, false}, {"true", false}, {1, false}, {nullptr, false}};
-  for (const auto& c : cases) {
-    writeSettings(Json{{"proxyEnabled", c.proxyEnabled}});
-    EXPECT_EQ(makeBridge()->systemProxy().isSystemProxyDesired(), c.desired) << c.proxyEnabled;
-  }
-  std::filesystem::remove(profile_.paths.settings);
-  EXPECT_FALSE(makeBridge()->systemProxy().isSystemProxyDesired());
-}
-
 TEST_F(SystemProxyWiringTest, RequestsAreSavedSwitchedThroughGsettingsAndLogged) {
   auto bridge = makeBridge();
   request(*bridge, true, "startProxy.confirm");

@@ -122,24 +122,6 @@ class NetworkServicesBackendTest : public ::testing::Test {
   RecordingLogger log_;
 };
 
-TEST(ParseNetworkServices, KeepsEnabledServicesInListedOrder) {
-  struct Case {
-    std::string listing;
-    std::vector<std::string> services;
-  };
-  const std::vector<Case> cases = {
-      {kListing, {"Wi-Fi 2", "Thunderbolt Bridge"}},
-      {"", {}},
-      {"An asterisk (*) denotes that a network service is disabled.\n*Wi-Fi\n *USB LAN\n", {}},
-      {"Ethernet\r\nWi-Fi\r\n", {"Ethernet", "Wi-Fi"}},
-      {"\tVPN (L2TP)\t\nAn asterisk in a name\nWi-Fi*", {"VPN (L2TP)", "Wi-Fi*"}},
-      {"Café Wi\u2011Fi\u2028Ethernet", {"Café Wi\u2011Fi", "Ethernet"}},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(parseNetworkServices(c.listing), c.services) << c.listing;
-  }
-}
-
 TEST_F(NetworkServicesBackendTest, EnableRunsHelperThenEveryCommandForEachEnabledService) {
   backend().enableSystemProxy();
 

@@ -137,15 +137,6 @@ describe('nodes', () => {
     });
   });
 
-  it('reads delay answers', () => {
-    assert.deepEqual(readDelayAnswer(200, '{"delay":42}'), { delay: 42 });
-    assert.deepEqual(readDelayAnswer(200, '{"delay":0}'), { failure: 'error' });
-    assert.deepEqual(readDelayAnswer(200, 'nope'), { failure: 'error' });
-    assert.deepEqual(readDelayAnswer(504, '{"message":"Timeout"}'), { failure: 'timeout' });
-    assert.deepEqual(readDelayAnswer(503, '{"message":"An error occurred in the delay test"}'), { failure: 'error' });
-    assert.deepEqual(readDelayAnswer(404, 'Resource not found'), { failure: 'error' });
-  });
-
   it('measures with at most the given number of tests at a time and reports every result', async () => {
     let running = 0;
     let peak = 0;
