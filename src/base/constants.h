@@ -11,6 +11,8 @@ inline constexpr int kSocksProxyPort = 33211;
 inline constexpr int kControllerPort = 33212;
 inline constexpr std::string_view kControllerBase = "http://127.0.0.1:33212";
 inline constexpr std::string_view kProxyHost = "127.0.0.1";
+// The origin of the application's own page: the only one the core's controller grants.
+inline constexpr std::string_view kAppOrigin = "qevnative://app";
 
 // Time budgets of the core's controller and launcher.
 inline constexpr std::chrono::milliseconds kControllerRequestTimeout{10000};

@@ -47,7 +47,7 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
       apiBase_(relay::nativeFallbackAPIBase(apiBaseOverride())),
       httpRelay_(http_, controller_, settings_, log_, apiBase_),
       externalLinks_(log_, seams_.mainQueue, seams_.openUrl),
-      runtimeConfig_(profile_.paths, protectedFiles_, settings_, log_),
+      runtimeConfig_(profile_.paths, protectedFiles_, settings_, controller_, log_),
       tunRollback_(profile_.paths, settings_, runtimeConfig_, log_),
       readiness_(http_, controller_, executors_) {
   prepareStorage();

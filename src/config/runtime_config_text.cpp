@@ -9,7 +9,29 @@
 namespace qev::config {
 namespace {
 
-constexpr std::array<std::string_view, 2> kReplacedSections = {"tun", "dns"};
+// Sections the application replaces, or that would let other programs and hosts steer the
+// core or use it as an open proxy.
+constexpr std::array<std::string_view, 19> kReplacedSections = {
+    "tun",
+    "dns",
+    "listeners",
+    "tunnels",
+    "external-controller-tls",
+    "external-controller-unix",
+    "external-controller-pipe",
+    "external-controller-cors",
+    "external-ui",
+    "external-ui-name",
+    "external-ui-url",
+    "external-doh-server",
+    "secret",
+    "authentication",
+    "skip-auth-prefixes",
+    "lan-allowed-ips",
+    "lan-disallowed-ips",
+    "redir-port",
+    "tproxy-port",
+};
 
 // Settings the application owns, as top-level keys of the subscription. Indented keys of the
 // same name belong to proxies and other maps and stay.
@@ -37,6 +59,15 @@ void appendGeneratedSettings(std::string& out, std::string_view mode, bool tun) 
 }
 
 }  // namespace
+
+std::string controllerAccessSettings(std::string_view secret) {
+  std::string out = "secret: ";
+  out.append(secret);
+  out.append("\nexternal-controller-cors:\n  allow-origins:\n    - ");
+  out.append(kAppOrigin);
+  out.append("\n  allow-private-network: false\n");
+  return out;
+}
 
 std::string buildRuntimeConfigText(std::string_view subscription, std::string_view mode, bool tun) {
   // A first pass finds the hidden names that rules and groups still use. The separate steps

@@ -26,11 +26,17 @@ inline constexpr std::string_view kTunDnsBlock =
     "    - 119.29.29.29\n";
 
 // The configuration the core runs, made from the downloaded subscription text: the
-// subscription's own tun and dns sections and every setting the application owns (ports,
+// subscription's own tun and dns sections, and every section that would open the core to
+// other programs or the network (listeners, tunnels, controller and UI settings, secrets,
+// LAN access lists, extra proxy ports), and every setting the application owns (ports,
 // controller, LAN access, geo updates, mode, IPv6) are dropped at any depth, hidden entries
 // are removed, QUIC is rejected first, and the application's settings follow at the end with
 // `mode` (a canonical routing mode) and, when `tun` is set, the TUN and DNS block.
 // Pure and never fails; one pass over the text.
 std::string buildRuntimeConfigText(std::string_view subscription, std::string_view mode, bool tun);
+
+// The controller's access settings appended to the file the core reads: its secret, and CORS
+// that grants only the application's own page and no private-network access.
+std::string controllerAccessSettings(std::string_view secret);
 
 }  // namespace qev::config

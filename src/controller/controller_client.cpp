@@ -1,5 +1,11 @@
 #include "controller/controller_client.h"
 
+#include <unistd.h>
+#if defined(__APPLE__)
+#include <sys/random.h>
+#endif
+
+#include <array>
 #include <utility>
 
 #include "net/url.h"
@@ -31,6 +37,35 @@ ControllerClient::ControllerClient(net::HttpSession& session, const base::Logger
                                    std::string base)
     : session_(session), log_(log), base_(std::move(base)) {}
 
+bool ControllerClient::renewSecret() {
+  std::array<unsigned char, 32> bytes{};
+  if (::getentropy(bytes.data(), bytes.size()) != 0) {
+    std::lock_guard lock(secretMutex_);
+    secret_.clear();
+    return false;
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(bytes.size() * 2);
+  for (const unsigned char byte : bytes) {
+    hex.push_back(kHex[byte >> 4]);
+    hex.push_back(kHex[byte & 0xF]);
+  }
+  std::lock_guard lock(secretMutex_);
+  secret_ = std::move(hex);
+  return true;
+}
+
+std::string ControllerClient::secret() const {
+  std::lock_guard lock(secretMutex_);
+  return secret_;
+}
+
+void ControllerClient::authorize(net::HttpRequest& request) const {
+  const std::string current = secret();
+  if (!current.empty()) request.headers.emplace_back("Authorization", "Bearer " + current);
+}
+
 void ControllerClient::httpJSON(std::string method, const std::string& url,
                                 std::optional<Json> body, JsonCompletion completion) {
   if (!net::parseUrl(url)) {
@@ -41,6 +76,7 @@ void ControllerClient::httpJSON(std::string method, const std::string& url,
   request.method = std::move(method);
   request.url = url;
   request.timeout = kControllerRequestTimeout;
+  authorize(request);
   if (body) {
     request.headers.emplace_back("Content-Type", "application/json");
     try {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,14 @@ class ControllerClient {
 
   const std::string& base() const { return base_; }
 
+  // A fresh secret for the next core: 32 random bytes from the system, hex-encoded. False (and
+  // no secret) when the system has no randomness to give.
+  bool renewSecret();
+  // The secret the core is started with; "" before the first renewal.
+  std::string secret() const;
+  // Adds the core's Authorization header to a request for its controller.
+  void authorize(net::HttpRequest& request) const;
+
   // 10 s time-out; a body goes out as compact JSON with Content-Type application/json. A 204 or
   // empty body is success `true`; the status is not examined. An unparsable URL fails at once
   // with code 4 "bad URL".
@@ -39,6 +48,8 @@ class ControllerClient {
   net::HttpSession& session_;
   const base::Logger& log_;
   std::string base_;
+  mutable std::mutex secretMutex_;
+  std::string secret_;
 };
 
 }  // namespace qev::controller

@@ -22,9 +22,16 @@ void ControllerReadiness::isControllerReady(std::function<void(bool)> completion
   request.method = "GET";
   request.url = url;
   request.timeout = timings_.probeTimeout;
+  controller_.authorize(request);
+  // Only the core greets: a 401 (another user's core) or a foreign program is not ready.
   session_.send(std::move(request),
                 [completion = std::move(completion)](Result<net::HttpResponse> reply) {
-                  completion(reply.ok());
+                  if (!reply || reply.value().status != 200) {
+                    completion(false);
+                    return;
+                  }
+                  const Json body = Json::parse(reply.value().body, nullptr, false);
+                  completion(body.is_object() && body.contains("hello"));
                 });
 }
 

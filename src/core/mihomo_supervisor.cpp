@@ -132,6 +132,11 @@ void MihomoSupervisor::restartMihomo() {
     return;
   }
   if (hooks_.ensureGeoDataFiles) hooks_.ensureGeoDataFiles();
+  // Every core gets a secret of its own, written only into the short-lived runtime file.
+  if (!controller_.renewSecret()) {
+    log_.message("native.mihomo.noSecret");
+    return;
+  }
   if (!hooks_.prepareRuntimeConfigFile || !hooks_.prepareRuntimeConfigFile()) {
     log_.message("native.mihomo.missingConfig");
     return;

@@ -21,8 +21,10 @@ BridgeError unreadable(const std::filesystem::path& path) {
 }  // namespace
 
 RuntimeConfig::RuntimeConfig(const storage::Paths& paths, const storage::ProtectedFiles& files,
-                             const storage::SettingsStore& settings, const base::Logger& log)
-    : paths_(paths), files_(files), settings_(settings), log_(log) {}
+                             const storage::SettingsStore& settings,
+                             const controller::ControllerClient& controller,
+                             const base::Logger& log)
+    : paths_(paths), files_(files), settings_(settings), controller_(controller), log_(log) {}
 
 bool RuntimeConfig::hasRawSubscriptionConfig() const {
   return base::itemExists(paths_.protectedRawConfig) || base::itemExists(paths_.tmpYaml) ||
@@ -76,8 +78,16 @@ std::optional<BridgeError> RuntimeConfig::writeBoth(const std::string& text) con
   if (auto ec = files_.writeProtectedString(text, paths_.protectedConfig)) {
     return fileError(ec, paths_.protectedConfig);
   }
-  if (auto ec = files_.writeRuntimeConfigData(text)) return fileError(ec, paths_.configYaml);
+  if (auto ec = writeForCore(text)) return fileError(ec, paths_.configYaml);
   return std::nullopt;
+}
+
+std::error_code RuntimeConfig::writeForCore(std::string_view text) const {
+  std::string forCore(text);
+  if (!forCore.empty() && forCore.back() != '\n') forCore.push_back('\n');
+  const std::string secret = controller_.secret();
+  if (!secret.empty()) forCore += config::controllerAccessSettings(secret);
+  return files_.writeRuntimeConfigData(forCore);
 }
 
 bool RuntimeConfig::prepareRuntimeConfigFile() const {
@@ -86,13 +96,14 @@ bool RuntimeConfig::prepareRuntimeConfigFile() const {
     const auto data = files_.readProtectedData(paths_.protectedConfig);
     if (!data) {
       failure = unreadable(paths_.protectedConfig);
-    } else if (auto ec = files_.writeRuntimeConfigData(*data)) {
+    } else if (auto ec = writeForCore(*data)) {
       failure = fileError(ec, paths_.configYaml);
     }
   } else if (base::itemExists(paths_.configYaml)) {
-    if (auto ec = storage::ProtectedFiles::protectFile(paths_.configYaml)) {
-      failure = fileError(ec, paths_.configYaml);
-    }
+    // A plaintext copy left without its protected original: protected now, and rewritten with
+    // this core's access settings.
+    const auto text = base::readFile(paths_.configYaml);
+    failure = text ? writeBoth(*text) : unreadable(paths_.configYaml);
   } else if (base::itemExists(paths_.legacyConfigYaml)) {
     const auto text = base::readFile(paths_.legacyConfigYaml);
     failure = text ? writeBoth(*text) : unreadable(paths_.legacyConfigYaml);

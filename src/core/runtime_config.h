@@ -7,6 +7,7 @@
 #include "base/error.h"
 #include "base/logger.h"
 #include "config/config_outline.h"
+#include "controller/controller_client.h"
 #include "storage/profile.h"
 #include "storage/protected_files.h"
 #include "storage/settings_store.h"
@@ -18,7 +19,8 @@ namespace qev::core {
 class RuntimeConfig {
  public:
   RuntimeConfig(const storage::Paths& paths, const storage::ProtectedFiles& files,
-                const storage::SettingsStore& settings, const base::Logger& log);
+                const storage::SettingsStore& settings, const controller::ControllerClient& controller,
+                const base::Logger& log);
 
   // Whether a subscription is stored (protected, or a plaintext copy of an older version).
   bool hasRawSubscriptionConfig() const;
@@ -39,10 +41,13 @@ class RuntimeConfig {
 
  private:
   std::optional<BridgeError> writeBoth(const std::string& text) const;
+  // The plaintext copy for the core: the configuration with the controller's access settings.
+  std::error_code writeForCore(std::string_view text) const;
 
   const storage::Paths& paths_;
   const storage::ProtectedFiles& files_;
   const storage::SettingsStore& settings_;
+  const controller::ControllerClient& controller_;
   const base::Logger& log_;
   mutable std::mutex outlineMutex_;
   mutable std::optional<config::ConfigOutline> outline_;

@@ -129,6 +129,7 @@ void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion
   probe.url = controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group) +
               "/delay?timeout=6000&url=" + controller::percentEncodePathComponent(connectivityCheckUrl_);
   probe.timeout = std::chrono::seconds(8);
+  controller_.authorize(probe);
   session_.send(std::move(probe), [this, group, completion = std::move(completion)](
                                       Result<net::HttpResponse> reply) {
     long status = 0;

@@ -616,6 +616,38 @@ CoreConfig parse(const std::string& text, const std::filesystem::path& homeDir) 
   readString(root, "bind-address", config.bindAddress);
   readString(root, "external-controller", config.externalController);
   readString(root, "secret", config.secret);
+  if (const YAML::Node listeners = member(root, "listeners"); present(listeners) && listeners.IsSequence()) {
+    for (const auto& listener : listeners) {
+      if (!listener.IsMap() || !present(member(listener, "port"))) continue;
+      std::string host = "0.0.0.0";
+      readString(listener, "listen", host);
+      config.extraInbounds.emplace_back(host, member(listener, "port").as<int>());
+    }
+  }
+  if (const YAML::Node tunnels = member(root, "tunnels"); present(tunnels) && tunnels.IsSequence()) {
+    for (const auto& tunnel : tunnels) {
+      // "tcp/udp,127.0.0.1:6553,8.8.8.8:53,proxy" or a map with `address`.
+      std::string address;
+      if (tunnel.IsScalar()) {
+        const std::string text = tunnel.Scalar();
+        const auto first = text.find(',');
+        address = text.substr(first + 1, text.find(',', first + 1) - first - 1);
+      } else if (tunnel.IsMap()) {
+        readString(tunnel, "address", address);
+      }
+      const auto colon = address.rfind(':');
+      if (colon == std::string::npos) continue;
+      config.extraInbounds.emplace_back(address.substr(0, colon), std::stoi(address.substr(colon + 1)));
+    }
+  }
+  if (const YAML::Node cors = member(root, "external-controller-cors"); present(cors) && cors.IsMap()) {
+    if (const YAML::Node origins = member(cors, "allow-origins"); present(origins)) {
+      if (!origins.IsSequence()) unmarshalError(origins, "[]string");
+      config.corsOrigins.clear();
+      for (const auto& origin : origins) config.corsOrigins.push_back(origin.as<std::string>());
+    }
+    readBool(cors, "allow-private-network", config.corsPrivateNetwork);
+  }
   readBool(root, "ipv6", config.ipv6);
   readBool(root, "geo-auto-update", config.geoAutoUpdate);
   bool geodataMode = false;

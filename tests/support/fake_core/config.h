@@ -50,6 +50,11 @@ struct CoreConfig {
   std::string bindAddress = "*";
   std::string externalController;
   std::string secret;
+  // external-controller-cors
+  std::vector<std::string> corsOrigins{"*"};
+  bool corsPrivateNetwork = true;
+  // Inbounds of `listeners` and `tunnels`: listen host and port.
+  std::vector<std::pair<std::string, int>> extraInbounds;
   Mode mode = Mode::kRule;
   LogLevel logLevel = LogLevel::kInfo;
   bool ipv6 = true;

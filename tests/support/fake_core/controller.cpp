@@ -128,24 +128,23 @@ bool stringField(const nlohmann::json& body, const char* key, std::string& out) 
   return true;
 }
 
-Reply preflight(const httplib::Request& request) {
+Reply preflight(const httplib::Request& request, const CoreRuntime& runtime) {
   Reply reply = noContent();
   reply.headers = {{"Vary", "Origin"},
                    {"Vary", "Access-Control-Request-Method"},
                    {"Vary", "Access-Control-Request-Headers"}};
   std::string method = request.get_header_value("Access-Control-Request-Method");
   for (char& c : method) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  if (method != "GET" && method != "POST" && method != "PUT" && method != "PATCH" &&
-      method != "DELETE") {
+  const auto grant = runtime.corsGrant(request.get_header_value("Origin"));
+  if (!grant || (method != "GET" && method != "POST" && method != "PUT" && method != "PATCH" &&
+                 method != "DELETE")) {
     return reply;
   }
-  reply.headers.emplace_back("Access-Control-Allow-Origin", "*");
-  reply.headers.emplace_back("Access-Control-Allow-Methods", method);
-  if (request.has_header("Access-Control-Request-Headers")) {
-    reply.headers.emplace_back("Access-Control-Allow-Headers",
-                               request.get_header_value("Access-Control-Request-Headers"));
-  }
-  if (request.get_header_value("Access-Control-Request-Private-Network") == "true") {
+  reply.headers.emplace_back("Access-Control-Allow-Origin", *grant);
+  reply.headers.emplace_back("Access-Control-Allow-Methods", "GET, POST, PUT, PATCH, DELETE");
+  reply.headers.emplace_back("Access-Control-Allow-Headers", "Content-Type, Authorization");
+  if (runtime.corsPrivateNetwork() &&
+      request.get_header_value("Access-Control-Request-Private-Network") == "true") {
     reply.headers.emplace_back("Access-Control-Allow-Private-Network", "true");
   }
   reply.headers.emplace_back("Access-Control-Max-Age", "300");
@@ -246,8 +245,10 @@ void Controller::serve(const httplib::Request& request, const std::string& body,
   }
   Reply reply = route(request, body);
   if (request.has_header("Origin") && request.method != "OPTIONS") {
-    reply.headers.emplace_back("Access-Control-Allow-Origin", "*");
-    reply.headers.emplace_back("Vary", "Origin");
+    if (const auto grant = runtime_.corsGrant(request.get_header_value("Origin"))) {
+      reply.headers.emplace_back("Access-Control-Allow-Origin", *grant);
+      reply.headers.emplace_back("Vary", "Origin");
+    }
   }
   response.status = reply.status;
   for (const auto& [name, value] : reply.headers) response.headers.emplace(name, value);
@@ -272,7 +273,7 @@ Reply Controller::route(const httplib::Request& request, const std::string& body
 
   if (method == "OPTIONS" && request.has_header("Origin") &&
       request.has_header("Access-Control-Request-Method")) {
-    return preflight(request);
+    return preflight(request, runtime_);
   }
   const std::vector<std::string> segments = splitPath(rawPath);
   const std::string& first = segments.front();

@@ -21,6 +21,14 @@ void InboundListeners::apply(const InboundPorts& wanted, const std::string& host
   recreate(mixed_, wanted.mixed, host);
 }
 
+void InboundListeners::applyExtra(const std::vector<std::pair<std::string, int>>& wanted) {
+  for (auto& listener : extra_) close(listener);
+  extra_.clear();
+  for (const auto& [host, port] : wanted) {
+    recreate(extra_.emplace_back("Inbound", "Inbound"), port, host);
+  }
+}
+
 InboundPorts InboundListeners::bound() const {
   return {http_.port, socks_.port, mixed_.port};
 }
@@ -29,6 +37,7 @@ void InboundListeners::closeAll() {
   close(http_);
   close(socks_);
   close(mixed_);
+  for (auto& listener : extra_) close(listener);
 }
 
 void InboundListeners::close(Listener& listener) {

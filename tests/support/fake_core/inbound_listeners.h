@@ -1,5 +1,9 @@
 #pragma once
 
+#include <list>
+#include <utility>
+#include <vector>
+
 #include <string>
 #include <thread>
 
@@ -25,6 +29,8 @@ class InboundListeners {
   // Re-creates every listener whose port or host changed; port 0 closes it. A failed bind is
   // logged as the core logs it, and that port then reads 0.
   void apply(const InboundPorts& wanted, const std::string& host);
+  // The `listeners` and `tunnels` of a configuration: each (host, port) is opened anew.
+  void applyExtra(const std::vector<std::pair<std::string, int>>& wanted);
   InboundPorts bound() const;
   void closeAll();
 
@@ -46,6 +52,7 @@ class InboundListeners {
   Listener http_{"HTTP proxy", "HTTP"};
   Listener socks_{"SOCKS proxy", "SOCKS"};
   Listener mixed_{"Mixed(http+socks) proxy", "Mixed(http+socks)"};
+  std::list<Listener> extra_;
 };
 
 }  // namespace fake_core

@@ -45,11 +45,14 @@ void CoreRuntime::apply(const CoreConfig& config, bool force) {
   geoAutoUpdate_ = config.geoAutoUpdate;
   tun_ = config.tun;
   secret_ = launch_.secretOverride.value_or(config.secret);
+  corsOrigins_ = config.corsOrigins;
+  corsPrivateNetwork_ = config.corsPrivateNetwork;
   log_.setLevel(config.logLevel);
   if (force) {
     allowLan_ = config.allowLan;
     bindAddress_ = config.bindAddress;
     listeners_.apply({config.port, config.socksPort, config.mixedPort}, bindHost());
+    listeners_.applyExtra(config.extraInbounds);
   }
 }
 
@@ -88,6 +91,20 @@ std::optional<std::string> CoreRuntime::reloadText(const std::string& text, bool
   if (!loaded.config) return loaded.error;
   apply(*loaded.config, force);
   return std::nullopt;
+}
+
+std::optional<std::string> CoreRuntime::corsGrant(const std::string& origin) const {
+  std::lock_guard lock(mutex_);
+  for (const auto& allowed : corsOrigins_) {
+    if (allowed == "*") return std::string("*");
+    if (allowed == origin) return origin;
+  }
+  return std::nullopt;
+}
+
+bool CoreRuntime::corsPrivateNetwork() const {
+  std::lock_guard lock(mutex_);
+  return corsPrivateNetwork_;
 }
 
 std::string CoreRuntime::secret() const {

@@ -50,6 +50,9 @@ class CoreRuntime {
   std::optional<std::string> reloadText(const std::string& text, bool force);
 
   std::string secret() const;
+  // The CORS grant for an origin: the value of Access-Control-Allow-Origin, or none.
+  std::optional<std::string> corsGrant(const std::string& origin) const;
+  bool corsPrivateNetwork() const;
   nlohmann::json proxies() const;
   std::optional<nlohmann::json> proxy(const std::string& name) const;
   bool hasProxy(const std::string& name) const;
@@ -82,6 +85,8 @@ class CoreRuntime {
   bool geoAutoUpdate_ = false;
   TunSettings tun_;
   std::string secret_;
+  std::vector<std::string> corsOrigins_{"*"};
+  bool corsPrivateNetwork_ = true;
 };
 
 }  // namespace fake_core

@@ -129,20 +129,6 @@ INSTANTIATE_TEST_SUITE_P(
         Case<std::string>{"not_a_url", "proxies/SELECT", "proxies/SELECT"}),
     caseName);
 
-class TransportSafeUrlTest : public ::testing::TestWithParam<Case<std::string>> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, TransportSafeUrlTest,
-    ::testing::Values(
-        Case<std::string>{"raw_group_name", "http://127.0.0.1:33212/proxies/QEV加速",
-                          "http://127.0.0.1:33212/proxies/QEV%E5%8A%A0%E9%80%9F"},
-        Case<std::string>{"existing_escapes_kept", "http://h/a%20b?q=%E5&r=1#f",
-                          "http://h/a%20b?q=%E5&r=1#f"},
-        Case<std::string>{"blank_and_quote", "http://h/a b?x=\"y\"", "http://h/a%20b?x=%22y%22"},
-        Case<std::string>{"query_right_after_host", "http://h?q=é", "http://h?q=%C3%A9"},
-        Case<std::string>{"host_only", "http://h", "http://h"}),
-    caseName);
-
 class OssConfigRequestTest : public ::testing::TestWithParam<Case<bool>> {};
 
 TEST_P(OssConfigRequestTest, NeedsBothMarkersInTheHost) {

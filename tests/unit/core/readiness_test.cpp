@@ -42,14 +42,37 @@ struct Rig {
   ControllerReadiness readiness;
 };
 
-TEST(ReadinessTest, AnyHttpAnswerCountsAsReady) {
+TEST(ReadinessTest, OnlyTheCoresAuthorisedGreetingCountsAsReady) {
   test::LoopbackServer server;
-  // No route for "/": the server answers 404, which still proves that something listens.
-  server.server().Get("/other", [](const httplib::Request&, httplib::Response&) {});
+  std::atomic<int> mode{0};  // 0: the core; 1: another user's core; 2: another program
+  std::string seenAuthorization;
+  std::mutex seenMutex;
+  server.server().Get("/", [&](const httplib::Request& request, httplib::Response& response) {
+    {
+      std::lock_guard lock(seenMutex);
+      seenAuthorization = request.get_header_value("Authorization");
+    }
+    if (mode == 1) {
+      response.status = 401;
+      response.set_content("{\"message\":\"Unauthorized\"}\n", "application/json");
+    } else {
+      response.set_content(mode == 0 ? "{\"hello\":\"mihomo\"}\n" : "<html>ok</html>",
+                           mode == 0 ? "application/json" : "text/html");
+    }
+  });
   server.start();
   Rig rig(server.base(), {5s, 100ms});  // generous: sanitizer builds answer slowly
+  ASSERT_TRUE(rig.controller.renewSecret());
   EXPECT_TRUE(rig.ready());
   EXPECT_TRUE(rig.wait(0ms));
+  {
+    std::lock_guard lock(seenMutex);
+    EXPECT_EQ(seenAuthorization, "Bearer " + rig.controller.secret());
+  }
+  for (const int other : {1, 2}) {
+    mode = other;
+    EXPECT_FALSE(rig.ready()) << other;
+  }
 }
 
 TEST(ReadinessTest, NothingListeningEndsFalse) {

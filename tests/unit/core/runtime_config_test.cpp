@@ -16,7 +16,7 @@ class RuntimeConfigTest : public ::testing::Test {
         paths_(profile_.paths),
         files_(paths_, "alice"),
         settings_(paths_, selection_, log_),
-        config_(paths_, files_, settings_, log_) {
+        config_(paths_, files_, settings_, controller_, log_) {
     std::filesystem::create_directories(paths_.appSupport);
   }
 
@@ -29,6 +29,9 @@ class RuntimeConfigTest : public ::testing::Test {
   test::RecordingLogger log_;
   storage::ProtectedFiles files_;
   storage::SettingsStore settings_;
+  base::Executors executors_{1};
+  net::HttpSession session_{executors_};
+  controller::ControllerClient controller_{session_, log_};
   RuntimeConfig config_;
 };
 
@@ -65,6 +68,19 @@ TEST_F(RuntimeConfigTest, StoredSubscriptionBecomesProtectedAndPlainRuntimeConfi
             std::string::npos);
   EXPECT_EQ(stored.find("tun:"), std::string::npos);
   EXPECT_TRUE(config_.hasRunnableConfig());
+
+  // The core's copy alone carries the controller's secret and CORS grant.
+  ASSERT_TRUE(controller_.renewSecret());
+  const std::string secret = controller_.secret();
+  EXPECT_EQ(secret.size(), 64u);
+  ASSERT_TRUE(config_.prepareRuntimeConfigFile());
+  EXPECT_EQ(test::readText(paths_.configYaml),
+            stored + "secret: " + secret +
+                "\nexternal-controller-cors:\n  allow-origins:\n    - qevnative://app\n"
+                "  allow-private-network: false\n");
+  EXPECT_EQ(decoded(paths_.protectedConfig).find(secret), std::string::npos);
+  ASSERT_TRUE(controller_.renewSecret());
+  EXPECT_NE(controller_.secret(), secret);
 }
 
 TEST_F(RuntimeConfigTest, PrepareRestoresThePlainCopyFromTheProtectedFile) {
