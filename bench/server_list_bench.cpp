@@ -10,7 +10,10 @@
 namespace {
 
 qev::Json entry(const std::string& name, const std::string& type) {
-  return {{"name", name}, {"type", type}, {"alive", true}, {"udp", true},
+  return {{"name", name},
+          {"type", type},
+          {"alive", true},
+          {"udp", true},
           {"history", qev::Json::array({{{"time", "2026-11-23T08:00:00Z"}, {"delay", 120}}})}};
 }
 

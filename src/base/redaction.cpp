@@ -11,20 +11,41 @@
 namespace qev::base {
 namespace {
 
-constexpr std::array<std::string_view, 5> kSensitiveKeys = {"token", "auth_data", "authorization",
-                                                            "subscribe_url", "password"};
+constexpr std::array<std::string_view, 8> kSensitiveKeys = {
+    "token",  "auth_data", "authorization", "subscribe_url",
+    "secret", "cookie",    "set-cookie",    "proxy-authorization"};
+// Any key that holds one of these is a password of some kind (old_password, passwd, pwd).
+constexpr std::array<std::string_view, 3> kPasswordWords = {"password", "passwd", "pwd"};
+
+// Deeper JSON than this is not walked: the rest of the branch becomes a placeholder, so hostile
+// input cannot exhaust the stack here or in the serialisation that follows.
+constexpr int kMaxDepth = 64;
+constexpr std::string_view kTooDeep = "[too deep]";
 
 bool isSensitiveKey(std::string_view key, bool includeEmail) {
-  const std::string lower = base::toLowerAscii(key);
+  const std::string lower = base::toLowerAscii(base::trimWhitespace(key));
   for (auto k : kSensitiveKeys) {
     if (lower == k) return true;
   }
+  for (auto word : kPasswordWords) {
+    if (lower.find(word) != std::string::npos) return true;
+  }
+  // email_code, invite_code, sms_code: one-time codes are credentials too.
+  if (lower.ends_with("_code")) return true;
   return includeEmail && lower == "email";
 }
 
 struct FreeTextPatterns {
   RE2 storage;
-  RE2 token{R"(token=[^&#\s]+)"};
+  RE2 token{R"(token=[^&#\s"']+)"};
+  // secret=, password= and friends, also percent-encoded as in a form body inside a URL.
+  RE2 credential{R"(((?i)[a-z_]*(?:secret|password|passwd|pwd|_code)[a-z_]*)(=|%3[Dd])[^&#\s"']+)"};
+  // "key": "value" pairs of sensitive keys inside free text that is not JSON as a whole.
+  RE2 jsonPair{
+      R"re(((?i)"[^"]*(?:password|passwd|pwd|secret|token|auth_data|authorization|cookie|_code)"\s*:\s*)"(?:[^"\\]|\\.)*")re"};
+  RE2 bearer{R"((?i)(bearer)\s+[A-Za-z0-9._~+/=-]+)"};
+  RE2 userInfo{R"((//[^/\s:@"']+):[^/\s@"']+@)"};
+  RE2 headerValue{R"((?i)((?:set-)?cookie|authorization)(["']?\s*[:=]\s*["']?)[^"'\r\n]+)"};
   RE2 verify{R"(verify=[^&#\s]+)"};
   RE2 shortLink{R"(/s/[A-Za-z0-9._~-]+)"};
 
@@ -38,37 +59,48 @@ const FreeTextPatterns& patterns() {
   return compiled;
 }
 
-Json redactKeys(const Json& value, bool includeEmail) {
+// Rebuilds `value` with `leaf` applied to every leaf and `keep(key)` deciding per object member
+// whether its value is walked or masked; depth-limited.
+template <class Leaf, class Mask>
+Json mapJson(const Json& value, Leaf leaf, Mask mask, int depth = 0) {
+  if (value.is_structured() && depth >= kMaxDepth) return Json(std::string(kTooDeep));
   if (value.is_object()) {
     Json out = Json::object();
     for (const auto& [key, child] : value.items()) {
-      out[key] = isSensitiveKey(key, includeEmail) ? Json("***") : redactKeys(child, includeEmail);
+      out[key] = mask(key) ? Json("***") : mapJson(child, leaf, mask, depth + 1);
     }
     return out;
   }
   if (value.is_array()) {
     Json out = Json::array();
-    for (const auto& child : value) out.push_back(redactKeys(child, includeEmail));
+    for (const auto& child : value) out.push_back(mapJson(child, leaf, mask, depth + 1));
     return out;
   }
-  return value;
+  return leaf(value);
 }
 
-// "a=1&password=x" style: every piece is key=value with a plain key.
-bool looksFormEncoded(std::string_view text) {
-  static const RE2 form(R"([A-Za-z0-9_.\-\[\]%]+=[^&\s]*(?:&[A-Za-z0-9_.\-\[\]%]+=[^&\s]*)*)");
-  return text.find('=') != std::string_view::npos && RE2::FullMatch(text, form);
+const auto kSameLeaf = [](const Json& leaf) { return leaf; };
+const auto kNoMask = [](const std::string&) { return false; };
+
+Json redactKeys(const Json& value, bool includeEmail) {
+  return mapJson(value, kSameLeaf, [includeEmail](const std::string& key) {
+    return isSensitiveKey(key, includeEmail);
+  });
 }
 
+// "a=1&password=x" in any shape (raw spaces, trailing separators): pieces between "&" whose key
+// is sensitive lose their value; everything else comes back as it was.
 std::string redactFormBody(std::string_view text) {
   std::string out;
   std::size_t start = 0;
+  bool first = true;
   while (start <= text.size()) {
     std::size_t end = text.find('&', start);
     if (end == std::string_view::npos) end = text.size();
     const std::string_view pair = text.substr(start, end - start);
     const std::size_t eq = pair.find('=');
-    if (!out.empty()) out.push_back('&');
+    if (!first) out.push_back('&');
+    first = false;
     if (eq != std::string_view::npos && isSensitiveKey(pair.substr(0, eq), true)) {
       out.append(pair.substr(0, eq)).append("=***");
     } else {
@@ -87,7 +119,7 @@ std::string redactEmbeddedString(const std::string& text) {
       return redactKeys(parsed, true).dump(-1, ' ', false, Json::error_handler_t::replace);
     }
   }
-  if (looksFormEncoded(text)) return redactFormBody(text);
+  if (text.find('=') != std::string::npos) return redactFormBody(text);
   return text;
 }
 
@@ -98,6 +130,11 @@ std::string redactURLString(std::string_view text) {
   std::string out(text);
   RE2::GlobalReplace(&out, p.storage, "[oss-url]");
   RE2::GlobalReplace(&out, p.token, "token=***");
+  RE2::GlobalReplace(&out, p.credential, "\\1\\2***");
+  RE2::GlobalReplace(&out, p.jsonPair, "\\1\"***\"");
+  RE2::GlobalReplace(&out, p.bearer, "\\1 ***");
+  RE2::GlobalReplace(&out, p.userInfo, "\\1:***@");
+  RE2::GlobalReplace(&out, p.headerValue, "\\1\\2***");
   RE2::GlobalReplace(&out, p.verify, "verify=***");
   RE2::GlobalReplace(&out, p.shortLink, "/s/***");
   return out;
@@ -108,18 +145,16 @@ Json redactJSON(const Json& value) {
 }
 
 Json redactURLs(const Json& value) {
-  if (value.is_string()) return redactURLString(value.get_ref<const std::string&>());
-  if (value.is_object()) {
-    Json out = Json::object();
-    for (const auto& [key, child] : value.items()) out[key] = redactURLs(child);
-    return out;
-  }
-  if (value.is_array()) {
-    Json out = Json::array();
-    for (const auto& child : value) out.push_back(redactURLs(child));
-    return out;
-  }
-  return value;
+  return mapJson(
+      value,
+      [](const Json& leaf) {
+        return leaf.is_string() ? Json(redactURLString(leaf.get_ref<const std::string&>())) : leaf;
+      },
+      kNoMask);
+}
+
+std::string redactFreeText(std::string_view text) {
+  return redactURLString(redactEmbeddedString(std::string(text)));
 }
 
 std::string redactedJSONPreview(std::string_view text) {
@@ -136,18 +171,13 @@ std::string redactedJSONPreview(std::string_view text) {
 }
 
 Json redactEmbeddedBodies(const Json& value) {
-  if (value.is_string()) return redactEmbeddedString(value.get_ref<const std::string&>());
-  if (value.is_object()) {
-    Json out = Json::object();
-    for (const auto& [key, child] : value.items()) out[key] = redactEmbeddedBodies(child);
-    return out;
-  }
-  if (value.is_array()) {
-    Json out = Json::array();
-    for (const auto& child : value) out.push_back(redactEmbeddedBodies(child));
-    return out;
-  }
-  return value;
+  return mapJson(
+      value,
+      [](const Json& leaf) {
+        return leaf.is_string() ? Json(redactEmbeddedString(leaf.get_ref<const std::string&>()))
+                                : leaf;
+      },
+      kNoMask);
 }
 
 std::string bridgeArgsPreview(const Json& args) {

@@ -7,11 +7,15 @@
 
 namespace qev::base {
 
-// Masks object-storage addresses, token=/verify= values and short-link codes in free text.
+// Masks object-storage addresses, token=/verify=/secret=/password= values (also percent-
+// encoded), Bearer credentials, user:password@ in URLs, Cookie and Authorization header values
+// and short-link codes in free text.
 std::string redactURLString(std::string_view text);
 
-// Replaces the values of sensitive keys (token, auth_data, authorization, subscribe_url,
-// password; compared lower-cased) by "***", at any depth. Strings are not scanned.
+// Replaces the values of sensitive keys by "***" at any depth (compared lower-cased: token,
+// auth_data, authorization, subscribe_url, secret, cookie, any key holding "password", "passwd"
+// or "pwd", and keys ending in "_code"). Strings are not scanned. Branches deeper than 64
+// levels become a placeholder.
 Json redactJSON(const Json& value);
 
 // Applies redactURLString to every string leaf.
@@ -20,6 +24,10 @@ Json redactURLs(const Json& value);
 // A redacted, sorted-key, compact preview of a JSON text, at most 1200 characters; the text's
 // own first 1200 characters when it is not JSON.
 std::string redactedJSONPreview(std::string_view text);
+
+// Free text as the log keeps it: a JSON text or form body inside it loses its sensitive values
+// (e-mail addresses included), then redactURLString.
+std::string redactFreeText(std::string_view text);
 
 // String leaves that carry a request body of their own (a JSON text, or a form-encoded body
 // such as "email=a&password=b") get their sensitive values masked, e-mail addresses included,

@@ -84,4 +84,12 @@ std::string truncateUtf16(std::string_view text, std::size_t maxChars) {
   return std::string(text.substr(0, i));
 }
 
+std::string_view truncateUtf8Bytes(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) return text;
+  std::size_t end = maxBytes;
+  // Back up over continuation bytes (10xxxxxx) to the start of the cut code point.
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  return text.substr(0, end);
+}
+
 }  // namespace qev::base

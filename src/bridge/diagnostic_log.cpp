@@ -33,7 +33,8 @@ void DiagnosticLog::append(const Json& payload) const noexcept {
     } else {
       text = base::describeValue(payload);
     }
-    write(base::redactURLString(text));
+    // What the page logs is free text of unknown shape: bodies and credentials are masked.
+    write(base::redactFreeText(text));
   } catch (...) {
     // Logging never fails outward.
   }
@@ -48,8 +49,9 @@ void DiagnosticLog::message(std::string_view text) const noexcept {
 
 void DiagnosticLog::write(std::string_view redactedText) const noexcept {
   if (!base::isValidUtf8(redactedText)) return;  // no lossy conversion
+  constexpr std::size_t kMaxLine = 8192;
   std::string line = "[" + iso8601UtcStamp(std::chrono::system_clock::now()) + "] ";
-  line.append(redactedText).push_back('\n');
+  line.append(base::truncateUtf8Bytes(redactedText, kMaxLine - line.size() - 1)).push_back('\n');
 
   const int fd = ::open(file_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   if (fd >= 0) {

@@ -30,7 +30,8 @@ ConfigOutline outlineOf(std::string_view configText) {
     const Section section = sections.update(line, trimmed);
     if (section == Section::kRules && trimmed.starts_with("- ")) {
       const auto fields = ruleFields(trimmed.substr(2));
-      if (fields.size() >= 2 && fields[0] == "MATCH") outline.catchAllTarget = std::string(fields[1]);
+      if (fields.size() >= 2 && fields[0] == "MATCH")
+        outline.catchAllTarget = std::string(fields[1]);
     } else if (section == Section::kProxyGroups && trimmed.starts_with("- {")) {
       if (const auto name = flowMapName(trimmed)) outline.groupOrder.emplace_back(*name);
     } else if (section == Section::kProxyGroups && trimmed.starts_with("- name:")) {

@@ -39,7 +39,9 @@ class TopLevelBlockFilter {
 
 struct NameHash {
   using is_transparent = void;
-  std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
+  std::size_t operator()(std::string_view name) const {
+    return std::hash<std::string_view>{}(name);
+  }
 };
 using NameSet = std::unordered_set<std::string, NameHash, std::equal_to<>>;
 

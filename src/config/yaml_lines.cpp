@@ -56,7 +56,6 @@ void lowerAsciiInto(std::string_view text, std::string& out) {
   }
 }
 
-
 }  // namespace
 
 std::optional<std::string_view> flowMapName(std::string_view line) {
@@ -167,7 +166,8 @@ bool rewriteFlowProxyList(std::string_view line, std::string& out) {
     const std::string_view name = unquoteYamlScalar(item);
     return name == "DIRECT" || name == "REJECT";
   };
-  const std::vector<std::string_view> items = splitFlowList(line.substr(listStart, close - listStart));
+  const std::vector<std::string_view> items =
+      splitFlowList(line.substr(listStart, close - listStart));
   std::vector<std::string_view> kept;
   kept.reserve(items.size());
   for (const std::string_view item : items) {

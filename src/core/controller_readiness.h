@@ -5,8 +5,8 @@
 
 #include "base/constants.h"
 #include "base/executors.h"
-#include "net/http_session.h"
 #include "controller/controller_client.h"
+#include "net/http_session.h"
 
 namespace qev::core {
 

@@ -119,9 +119,15 @@ MihomoSupervisor::~MihomoSupervisor() {
 
 void MihomoSupervisor::killStaleMihomo() const {
   const std::string pkill = pkillPath(profile_.platform);
-  for (const auto& pattern : profile_.staleCorePatterns) process::runProcess(pkill, {"-f", pattern});
+  // Only this user's processes: another user's core (or root's) is never ours to end.
+  const std::string uid = std::to_string(::getuid());
+  for (const auto& pattern : profile_.staleCorePatterns) {
+    process::runProcess(pkill, {"-U", uid, "-f", pattern});
+  }
   std::this_thread::sleep_for(timings_.stalePause);
-  for (const auto& pattern : profile_.staleCorePatterns) process::runProcess(pkill, {"-9", "-f", pattern});
+  for (const auto& pattern : profile_.staleCorePatterns) {
+    process::runProcess(pkill, {"-9", "-U", uid, "-f", pattern});
+  }
 }
 
 void MihomoSupervisor::restartMihomo() {
@@ -141,8 +147,9 @@ void MihomoSupervisor::restartMihomo() {
     log_.message("native.mihomo.missingConfig");
     return;
   }
-  auto spawned = process::spawnWithErrorPipe(launcher.string(), {"-d", profile_.paths.appSupport.string(),
-                                                        "-f", profile_.paths.configYaml.string()});
+  auto spawned = process::spawnWithErrorPipe(
+      launcher.string(),
+      {"-d", profile_.paths.appSupport.string(), "-f", profile_.paths.configYaml.string()});
   if (!spawned) {
     systemLog_.message("failed to start mihomo: " + spawned.error().description);
     log_.message("native.mihomo.start.error: " + spawned.error().description);

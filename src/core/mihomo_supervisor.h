@@ -12,8 +12,8 @@
 #include "base/constants.h"
 #include "base/executors.h"
 #include "base/logger.h"
-#include "core/controller_readiness.h"
 #include "controller/controller_client.h"
+#include "core/controller_readiness.h"
 #include "storage/profile.h"
 
 namespace qev::core {

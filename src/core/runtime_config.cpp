@@ -55,8 +55,7 @@ std::optional<BridgeError> RuntimeConfig::normalizeTmpYaml(bool tun) const {
   if (!hasRawSubscriptionConfig()) return std::nullopt;
   auto raw = readRawSubscriptionConfigText();
   if (!raw) return raw.error();
-  return writeBoth(
-      config::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
+  return writeBoth(config::buildRuntimeConfigText(raw.value(), settings_.readModeSetting(), tun));
 }
 
 config::ConfigOutline RuntimeConfig::outline() const {

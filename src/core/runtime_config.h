@@ -19,8 +19,8 @@ namespace qev::core {
 class RuntimeConfig {
  public:
   RuntimeConfig(const storage::Paths& paths, const storage::ProtectedFiles& files,
-                const storage::SettingsStore& settings, const controller::ControllerClient& controller,
-                const base::Logger& log);
+                const storage::SettingsStore& settings,
+                const controller::ControllerClient& controller, const base::Logger& log);
 
   // Whether a subscription is stored (protected, or a plaintext copy of an older version).
   bool hasRawSubscriptionConfig() const;

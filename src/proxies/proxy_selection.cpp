@@ -27,7 +27,8 @@ bool isSwitchableGroup(const Json& entry) {
 
 }  // namespace
 
-ProxySelection::ProxySelection(controller::ControllerClient& controller, storage::SelectionMemory& memory,
+ProxySelection::ProxySelection(controller::ControllerClient& controller,
+                               storage::SelectionMemory& memory,
                                const storage::SettingsStore& settings,
                                sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
                                ReadOutline outline, const base::Logger& log)
@@ -122,7 +123,8 @@ void ProxySelection::selectInMainGroup(const std::string& name, Completion compl
         if (table && main && outline.catchAllTarget) {
           const std::string& target = *outline.catchAllTarget;
           const auto path = selectorPath(*table, target, *main);
-          for (std::size_t i = 0; i + 1 < path.size(); ++i) route.emplace_back(path[i], path[i + 1]);
+          for (std::size_t i = 0; i + 1 < path.size(); ++i)
+            route.emplace_back(path[i], path[i + 1]);
           // A catch-all target that the main group cannot be reached from, but that holds the
           // node itself (a site group beside the product group, an automatic group), gets the
           // pick as well, or the pick would carry nothing in rule mode.
@@ -158,8 +160,8 @@ void ProxySelection::putEach(std::vector<std::pair<std::string, std::string>> st
   controller_.httpJSON(
       "PUT", controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group),
       Json{{"name", member}},
-      [this, steps = std::move(steps), next, done = std::move(done), group, member](
-          Result<Json> reply) mutable {
+      [this, steps = std::move(steps), next, done = std::move(done), group,
+       member](Result<Json> reply) mutable {
         if (auto error = controller::controllerChangeError(reply)) {
           log_.message("native.setProxy.route.error: " + group + " -> " + member + ": " +
                        error->description);

@@ -126,8 +126,9 @@ void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
 
 void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion) {
   net::HttpRequest probe;
-  probe.url = controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group) +
-              "/delay?timeout=6000&url=" + controller::percentEncodePathComponent(connectivityCheckUrl_);
+  probe.url =
+      controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group) +
+      "/delay?timeout=6000&url=" + controller::percentEncodePathComponent(connectivityCheckUrl_);
   probe.timeout = std::chrono::seconds(8);
   controller_.authorize(probe);
   session_.send(std::move(probe), [this, group, completion = std::move(completion)](

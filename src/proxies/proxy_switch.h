@@ -5,8 +5,8 @@
 
 #include "base/completions.h"
 #include "base/logger.h"
-#include "net/http_session.h"
 #include "controller/controller_client.h"
+#include "net/http_session.h"
 #include "proxies/proxy_selection.h"
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
@@ -21,11 +21,11 @@ using ApplyConfig = std::function<void(Resolve, Reject)>;
 // restore of the user's proxy choice at start.
 class ProxySwitch {
  public:
-  ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session, ProxySelection& selection,
-              const storage::SelectionMemory& memory, const storage::SettingsStore& settings,
-              sysproxy::SystemProxyRequests& systemProxy, EnsureCore ensureCore,
-              ApplyConfig applyConfig, ReadOutline outline, const base::Logger& log,
-              std::string connectivityCheckUrl);
+  ProxySwitch(controller::ControllerClient& controller, net::HttpSession& session,
+              ProxySelection& selection, const storage::SelectionMemory& memory,
+              const storage::SettingsStore& settings, sysproxy::SystemProxyRequests& systemProxy,
+              EnsureCore ensureCore, ApplyConfig applyConfig, ReadOutline outline,
+              const base::Logger& log, std::string connectivityCheckUrl);
 
   // The core's proxy table for the page, or false when the core cannot be asked. Never rejects.
   void getServers(Resolve resolve);

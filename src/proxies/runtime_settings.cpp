@@ -1,7 +1,7 @@
 #include "proxies/runtime_settings.h"
 
-#include "controller/controller_reply.h"
 #include "config/routing_mode.h"
+#include "controller/controller_reply.h"
 
 namespace qev::proxies {
 

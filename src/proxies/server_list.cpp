@@ -66,9 +66,9 @@ ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutli
   // Filtered in place: rebuilding a table of thousands of entries costs more than the filter.
   auto& entries = table.get_ref<Json::object_t&>();
   for (auto it = entries.begin(); it != entries.end();) {
-    const bool hidden = config::isHiddenProxyChoice(it->first) ||
-                        (it->second.is_object() && it->second.contains("name") &&
-                         isHiddenName(it->second["name"]));
+    const bool hidden =
+        config::isHiddenProxyChoice(it->first) ||
+        (it->second.is_object() && it->second.contains("name") && isHiddenName(it->second["name"]));
     if (hidden) {
       it = entries.erase(it);
       continue;

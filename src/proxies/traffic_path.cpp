@@ -17,8 +17,8 @@ constexpr std::array<std::string_view, 3> kOtherPanelsMainGroups = {"GLOBAL", "P
 
 // Types of the core's table that are not a node of the subscription.
 constexpr std::array<std::string_view, 10> kNotANode = {
-    "Selector", "URLTest", "Fallback", "LoadBalance", "Relay",
-    "Direct",   "Reject",  "RejectDrop", "Compatible", "Pass"};
+    "Selector", "URLTest", "Fallback",   "LoadBalance", "Relay",
+    "Direct",   "Reject",  "RejectDrop", "Compatible",  "Pass"};
 
 const Json* entryOf(const Json& table, const std::string& name) {
   const auto it = table.find(name);
@@ -62,7 +62,8 @@ bool holdsNode(const Json& table, const std::string& group) {
 // Breadth-first over selector members from `from`; stops at the first selector `accept` takes.
 // Returns the chain to it (both ends included), or empty.
 template <class Accept>
-std::vector<std::string> searchSelectors(const Json& table, const std::string& from, Accept accept) {
+std::vector<std::string> searchSelectors(const Json& table, const std::string& from,
+                                         Accept accept) {
   if (!isSelector(table, from)) return {};
   std::unordered_map<std::string, std::string> cameFrom{{from, ""}};
   std::deque<std::string> queue{from};
@@ -87,7 +88,8 @@ std::vector<std::string> searchSelectors(const Json& table, const std::string& f
 
 }  // namespace
 
-std::optional<std::string> resolveMainGroup(const Json& table, const config::ConfigOutline& outline) {
+std::optional<std::string> resolveMainGroup(const Json& table,
+                                            const config::ConfigOutline& outline) {
   if (!table.is_object()) return std::nullopt;
   const std::string select(kSelectorGroup);
   if (table.contains(select)) return select;
@@ -118,7 +120,8 @@ std::vector<std::string> selectorPath(const Json& table, const std::string& from
   return searchSelectors(table, from, [&](const std::string& group) { return group == to; });
 }
 
-std::optional<std::string> trafficEntry(std::string_view mode, const config::ConfigOutline& outline) {
+std::optional<std::string> trafficEntry(std::string_view mode,
+                                        const config::ConfigOutline& outline) {
   if (mode == "global") return "GLOBAL";
   if (mode == "direct") return std::nullopt;
   return outline.catchAllTarget;

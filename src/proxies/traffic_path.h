@@ -15,7 +15,8 @@ namespace qev::proxies {
 // selector with a real node reached from the catch-all target along selector members, else
 // the main groups other panels use, else the first selector in the configuration's order
 // (the table's order when the configuration is unknown).
-std::optional<std::string> resolveMainGroup(const Json& table, const config::ConfigOutline& outline);
+std::optional<std::string> resolveMainGroup(const Json& table,
+                                            const config::ConfigOutline& outline);
 
 // The shortest chain of selectors from `from` to `to`, each a member of the one before, both
 // ends included; empty when there is none.
@@ -24,6 +25,7 @@ std::vector<std::string> selectorPath(const Json& table, const std::string& from
 
 // The group a delay test must go through to follow the user's traffic: the catch-all target in
 // rule mode, "GLOBAL" in global mode; none in direct mode or without a catch-all rule.
-std::optional<std::string> trafficEntry(std::string_view mode, const config::ConfigOutline& outline);
+std::optional<std::string> trafficEntry(std::string_view mode,
+                                        const config::ConfigOutline& outline);
 
 }  // namespace qev::proxies

@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "base/constants.h"
-#include "base/strings.h"
 #include "base/redaction.h"
+#include "base/strings.h"
+#include "config/routing_mode.h"
 #include "relay/login_compat.h"
 #include "relay/relay_urls.h"
-#include "config/routing_mode.h"
 
 namespace qev::relay {
 namespace {

@@ -8,9 +8,9 @@
 #include "base/error.h"
 #include "base/json.h"
 #include "base/logger.h"
+#include "controller/controller_client.h"
 #include "net/http_session.h"
 #include "net/url.h"
-#include "controller/controller_client.h"
 #include "relay/relay_records.h"
 #include "storage/settings_store.h"
 

@@ -4,10 +4,10 @@
 
 #include "base/constants.h"
 #include "base/strings.h"
-#include "net/url.h"
-#include "proxies/selection_args.h"
 #include "config/routing_mode.h"
 #include "config/subscription_check.h"
+#include "net/url.h"
+#include "proxies/selection_args.h"
 #include "subscription/subscribe_link.h"
 
 namespace qev::subscription {

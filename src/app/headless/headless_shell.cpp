@@ -110,7 +110,8 @@ void postLine(const std::shared_ptr<LoopState>& state, bridge::NativeBridge& bri
     if (line.find_first_not_of(" \t\r") == std::string::npos) return;
     Json message = Json::parse(line, nullptr, false);
     if (message.is_discarded() || !message.is_object()) {
-      err << "qev: skipped a line that is not a JSON object: " << line.substr(0, 200) << '\n';
+      // Never echoed: a rejected line may well carry a credential.
+      err << "qev: skipped a line of " << line.size() << " bytes that is not a JSON object\n";
       return;
     }
     if (const auto channel = message.find("channel"); channel != message.end()) {

@@ -28,13 +28,12 @@ TEST(LockedDownTest, OnlyQevCanSteerTheCore) {
       "  - {name: HK, type: ss, server: 127.0.0.1, port: 2, cipher: aes-128-gcm, password: p}\n"
       "proxy-groups:\n  - {name: Proxy, type: select, proxies: [HK]}\nrules:\n  - MATCH,Proxy\n";
   ASSERT_TRUE(panel.control({{"subscription_body", subscription}}));
-  HeadlessQev qev(HeadlessQev::Options{
-      dir.path() / "home",
-      {{"QEV_API_BASE", panel.base()},
-       {"QEV_MIHOMO", kFakeCore},
-       {"GSETTINGS_BACKEND", "keyfile"},
-       {"XDG_CONFIG_HOME", (dir.path() / "config").string()}},
-      {"--headless"}});
+  HeadlessQev qev(HeadlessQev::Options{dir.path() / "home",
+                                       {{"QEV_API_BASE", panel.base()},
+                                        {"QEV_MIHOMO", kFakeCore},
+                                        {"GSETTINGS_BACKEND", "keyfile"},
+                                        {"XDG_CONFIG_HOME", (dir.path() / "config").string()}},
+                                       {"--headless"}});
   const auto link = panel.base() + "/api/v1/client/subscribe?token=" + kToken;
   ASSERT_EQ(qev.call("1", "updateConfig", Json::array({link}))->value("result", Json()), true)
       << qev.logText();
@@ -55,10 +54,12 @@ TEST(LockedDownTest, OnlyQevCanSteerTheCore) {
     if (!authorization.empty()) call.headers.push_back("Authorization: " + authorization);
     EXPECT_EQ(doubles::http(call).status, 401) << authorization;
   }
-  const auto preflight = doubles::http(doubles::HttpCall{
-      "OPTIONS", std::string(kController) + "/configs", std::nullopt,
-      {"Origin: http://evil.example", "Access-Control-Request-Method: PUT",
-       "Access-Control-Request-Private-Network: true"}});
+  const auto preflight = doubles::http(
+      doubles::HttpCall{"OPTIONS",
+                        std::string(kController) + "/configs",
+                        std::nullopt,
+                        {"Origin: http://evil.example", "Access-Control-Request-Method: PUT",
+                         "Access-Control-Request-Private-Network: true"}});
   EXPECT_EQ(preflight.header("access-control-allow-origin"), "");
   EXPECT_EQ(preflight.header("access-control-allow-private-network"), "");
 

@@ -6,11 +6,11 @@
 #include <regex>
 #include <sstream>
 
-#include "testing/doubles_harness.h"
 #include "headless_process.h"
 #include "storage/protected_files.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "testing/doubles_harness.h"
 
 namespace qev::test {
 namespace {
@@ -20,8 +20,8 @@ constexpr const char* kToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";  // the test 
 class ProxyFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    panel_ = std::make_unique<doubles::ChildProcess>(doubles::ChildProcess::Options{
-        kFakePanel, {"--port", "0"}, "", {}, dir_.path()});
+    panel_ = std::make_unique<doubles::ChildProcess>(
+        doubles::ChildProcess::Options{kFakePanel, {"--port", "0"}, "", {}, dir_.path()});
     ASSERT_TRUE(doubles::waitUntil([&] { return portFromPanel() > 0; }));
     panelBase_ = "http://127.0.0.1:" + std::to_string(portFromPanel());
   }
@@ -41,7 +41,8 @@ class ProxyFlowTest : public ::testing::Test {
         {"FAKE_CORE_REQUEST_LOG", (dir_.path() / "core-requests.jsonl").string()},
     };
     for (auto& [k, v] : extra) env[k] = v;
-    return std::make_unique<HeadlessQev>(HeadlessQev::Options{dir_.path() / "home", env, {"--headless"}});
+    return std::make_unique<HeadlessQev>(
+        HeadlessQev::Options{dir_.path() / "home", env, {"--headless"}});
   }
 
   std::string subscribeLink() const {
@@ -50,7 +51,8 @@ class ProxyFlowTest : public ::testing::Test {
 
   std::string gsettings(const std::string& schema, const std::string& key) {
     const std::string cmd = "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME='" +
-                            (dir_.path() / "config").string() + "' gsettings get " + schema + " " + key;
+                            (dir_.path() / "config").string() + "' gsettings get " + schema + " " +
+                            key;
     std::string out;
     if (FILE* p = ::popen(cmd.c_str(), "r")) {
       char buf[256];

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <string>
 
-#include "testing/doubles_harness.h"
 #include "base/json.h"
 #include "headless_process.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "testing/doubles_harness.h"
 
 namespace qev::test {
 namespace {

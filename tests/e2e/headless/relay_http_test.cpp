@@ -18,13 +18,12 @@
 #include <thread>
 #include <vector>
 
-#include "test_processes.h"
 #include "base/executors.h"
 #include "base/json.h"
 #include "base/strings.h"
 #include "bridge/diagnostic_log.h"
-#include "net/http_session.h"
 #include "controller/controller_client.h"
+#include "net/http_session.h"
 #include "qev/deployment.h"
 #include "relay/http_relay.h"
 #include "storage/profile.h"
@@ -32,6 +31,7 @@
 #include "storage/settings_store.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 
 namespace qev::test {
 namespace {

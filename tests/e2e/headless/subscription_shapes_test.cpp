@@ -22,8 +22,8 @@ constexpr const char* kNodes =
 
 struct Shape {
   std::string name;
-  std::string text;  // the subscription
-  std::string pick;  // the node the user picks
+  std::string text;      // the subscription
+  std::string pick;      // the node the user picks
   std::string catchAll;  // where rule mode sends the rest of the traffic ("" when nowhere)
 };
 
@@ -32,14 +32,18 @@ const std::vector<Shape> kShapes = {
     {"converter_chain",
      std::string(kNodes) +
          "proxy-groups:\n"
-         "  - name: 🐟 漏网之鱼\n    type: select\n    proxies:\n      - 🚀 节点选择\n      - DIRECT\n"
-         "  - name: 🚀 节点选择\n    type: select\n    proxies:\n      - ♻️ 自动选择\n"
+         "  - name: 🐟 漏网之鱼\n    type: select\n    proxies:\n      - 🚀 节点选择\n      - "
+         "DIRECT\n"
+         "  - name: 🚀 节点选择\n    type: select\n    proxies:\n      - ♻️ "
+         "自动选择\n"
          "      - 香港 01\n      - 日本 02\n      - 剩余流量：97 GB\n"
-         "  - name: ♻️ 自动选择\n    type: url-test\n    url: http://www.gstatic.com/generate_204\n"
+         "  - name: ♻️ 自动选择\n    type: url-test\n    url: "
+         "http://www.gstatic.com/generate_204\n"
          "    interval: 300\n    proxies:\n      - 香港 01\n      - 日本 02\n"
          "  - {name: 🎬 国内媒体, type: select, proxies: [DIRECT, 香港 01]}\n"
          "  - {name: 🛑 广告拦截, type: select, proxies: [REJECT, DIRECT]}\n"
-         "rules:\n# domestic first\n#   and the rest\n  - DOMAIN-SUFFIX,ads.example,🛑 广告拦截\n"
+         "rules:\n# domestic first\n#   and the rest\n  - DOMAIN-SUFFIX,ads.example,🛑 "
+         "广告拦截\n"
          "  - DOMAIN-SUFFIX,tv.example,🎬 国内媒体\n  - MATCH,🐟 漏网之鱼\n",
      "日本 02", "🐟 漏网之鱼"},
     {"match_to_select_starting_with_direct",
@@ -54,7 +58,8 @@ const std::vector<Shape> kShapes = {
          "rules:\n  - MATCH,Auto-HK\n",
      "日本 02", "Auto-HK"},
     {"no_match_rule",
-     std::string(kNodes) + "proxy-groups:\n  - {name: Nodes, type: select, proxies: [香港 01, 日本 02]}\n",
+     std::string(kNodes) +
+         "proxy-groups:\n  - {name: Nodes, type: select, proxies: [香港 01, 日本 02]}\n",
      "日本 02", ""},
     {"select_defined",
      std::string(kNodes) +
@@ -87,14 +92,14 @@ class SubscriptionShapesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_GT(panel_.port(), 0) << "the test panel did not start";
-    qev_ = std::make_unique<HeadlessQev>(HeadlessQev::Options{
-        dir_.path() / "home",
-        {{"QEV_API_BASE", panel_.base()},
-         {"QEV_MIHOMO", kFakeCore},
-         {"FAKE_CORE_DELAY_FAIL", "timeout:剩余流量：97 GB"},
-         {"GSETTINGS_BACKEND", "keyfile"},
-         {"XDG_CONFIG_HOME", (dir_.path() / "config").string()}},
-        {"--headless"}});
+    qev_ = std::make_unique<HeadlessQev>(
+        HeadlessQev::Options{dir_.path() / "home",
+                             {{"QEV_API_BASE", panel_.base()},
+                              {"QEV_MIHOMO", kFakeCore},
+                              {"FAKE_CORE_DELAY_FAIL", "timeout:剩余流量：97 GB"},
+                              {"GSETTINGS_BACKEND", "keyfile"},
+                              {"XDG_CONFIG_HOME", (dir_.path() / "config").string()}},
+                             {"--headless"}});
   }
 
   Json call(const std::string& name, const Json& args = Json::array()) {
@@ -104,13 +109,15 @@ class SubscriptionShapesTest : public ::testing::Test {
 
   // The core's table, asked through the relay: only qev holds the controller's secret.
   Json coreTable() {
-    const Json reply = call("httpRequest", Json::array({{{"url", std::string(kController) + "/proxies"}}}));
+    const Json reply =
+        call("httpRequest", Json::array({{{"url", std::string(kController) + "/proxies"}}}));
     return Json::parse(reply["result"].value("body", ""), nullptr, false)["proxies"];
   }
 
   Json serve(const Json& body) {
     EXPECT_TRUE(panel_.control({{"subscription_body", body}}));
-    return call("updateConfig", Json::array({panel_.base() + "/api/v1/client/subscribe?token=" + kToken}));
+    return call("updateConfig",
+                Json::array({panel_.base() + "/api/v1/client/subscribe?token=" + kToken}));
   }
 
   TempDir dir_;
@@ -149,8 +156,7 @@ TEST_F(SubscriptionShapesTest, UnusableAnswersNeverReplaceTheStoredSubscription)
   const auto stored = qev_->dataFolder() / ".qevjs-subscribe.dat";
   const std::string before = readText(stored);
   const std::vector<Json> bodies = {
-      "<!DOCTYPE html><html><body>502 Bad Gateway</body></html>",
-      "",
+      "<!DOCTYPE html><html><body>502 Bad Gateway</body></html>", "",
       R"({"message":"token is error"})",
       Json::array({0x70, 0x72, 0x6f, 0x78, 0x69, 0x65, 0x73, 0x3a, 0x0a, 0x20, 0x2d, 0xff, 0xfe}),
       "c3M6Ly9ZV1Z6TFRFeU9DMW5ZMjA2Y0E9PUAxMjcuMC4wLjE6MQ==\ndHJvamFuOi8vcEAxMjcuMC4wLjE6Mg==\n"};

@@ -19,12 +19,12 @@
 #include <thread>
 #include <vector>
 
+#include "base/json.h"
 #include "base/strings.h"
 #include "gtk/desktop_session.h"
-#include "test_processes.h"
-#include "base/json.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 
 namespace qev::test {
 namespace {
@@ -41,7 +41,6 @@ fs::path artifactsDir() {
   return fs::path(kStageDir).parent_path().parent_path() / "artifacts" / "frontend";
 }
 
-
 class FrontendWindowTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -56,13 +55,14 @@ class FrontendWindowTest : public ::testing::Test {
     fs::copy(kStageDir, resources_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     const fs::path dist = resources_ / "dist";
     ASSERT_TRUE(fs::exists(dist / "index.html")) << "the frontend is not staged in " << kStageDir;
-    fs::copy_file(fs::path(kSupportDir) / "gtk/frontend_driver.js", dist / "frontend-test-driver.js");
+    fs::copy_file(fs::path(kSupportDir) / "gtk/frontend_driver.js",
+                  dist / "frontend-test-driver.js");
     writeText(dist / "driver-commands.json", "[]");
     const std::string index = readText(dist / "index.html");
     ASSERT_NE(index.find("</body>"), std::string::npos);
     writeText(dist / "index.html",
               base::replaceAll(index, "</body>",
-                         "<script src=\"/frontend-test-driver.js\"></script>\n</body>"));
+                               "<script src=\"/frontend-test-driver.js\"></script>\n</body>"));
     fs::create_directories(root_.path() / "config");
   }
 
@@ -259,8 +259,9 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   EXPECT_TRUE(app_->waitForLog("native.mode.set"));
   ASSERT_TRUE(waitUntil("document.querySelector('#mode-global').checked"));
   // Through the page's own relay: only qev holds the controller's secret.
-  EXPECT_EQ(run("fetch('http://127.0.0.1:33212/configs').then((r) => r.json()).then((c) => c.mode)"),
-            "global");
+  EXPECT_EQ(
+      run("fetch('http://127.0.0.1:33212/configs').then((r) => r.json()).then((c) => c.mode)"),
+      "global");
   EXPECT_EQ(run("document.querySelector('.settings .alert')"), Json());
   screenshot("settings-zh");
 
@@ -325,7 +326,9 @@ TEST_F(FrontendWindowTest, DeadNodeShowsUnavailableAndLeavesTheProxyOff) {
   EXPECT_EQ(gsetting("org.gnome.system.proxy", "mode"), "'none'");
   const fs::path data = home_ / ".local/share/qevjs";
   EXPECT_FALSE(fs::exists(data / ".qevjs-runtime-config.yaml"));
-  EXPECT_EQ(Json::parse(readText(data / "qevjs-local.json"), nullptr, false).value("proxyEnabled", true), false);
+  EXPECT_EQ(
+      Json::parse(readText(data / "qevjs-local.json"), nullptr, false).value("proxyEnabled", true),
+      false);
   EXPECT_EQ(app_->countLog("native.shutdown.complete"), 1u);
 }
 

@@ -15,13 +15,13 @@
 #include <thread>
 #include <vector>
 
+#include "base/json.h"
 #include "base/strings.h"
 #include "gtk/desktop_session.h"
 #include "loopback_site.h"
-#include "test_processes.h"
-#include "base/json.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 
 namespace qev::test {
 namespace {
@@ -217,7 +217,7 @@ TEST_F(DesktopWindowTest, ExternalLinksLeaveTheWindowAndNoSecondWindowOpens) {
       document.body.appendChild(frame);
     });
   )js",
-                           "ORIGIN", origin));
+                                 "ORIGIN", origin));
   auto& app = start();
   waitForMainWindow();
 

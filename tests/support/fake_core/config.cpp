@@ -616,7 +616,8 @@ CoreConfig parse(const std::string& text, const std::filesystem::path& homeDir) 
   readString(root, "bind-address", config.bindAddress);
   readString(root, "external-controller", config.externalController);
   readString(root, "secret", config.secret);
-  if (const YAML::Node listeners = member(root, "listeners"); present(listeners) && listeners.IsSequence()) {
+  if (const YAML::Node listeners = member(root, "listeners");
+      present(listeners) && listeners.IsSequence()) {
     for (const auto& listener : listeners) {
       if (!listener.IsMap() || !present(member(listener, "port"))) continue;
       std::string host = "0.0.0.0";
@@ -624,7 +625,8 @@ CoreConfig parse(const std::string& text, const std::filesystem::path& homeDir) 
       config.extraInbounds.emplace_back(host, member(listener, "port").as<int>());
     }
   }
-  if (const YAML::Node tunnels = member(root, "tunnels"); present(tunnels) && tunnels.IsSequence()) {
+  if (const YAML::Node tunnels = member(root, "tunnels");
+      present(tunnels) && tunnels.IsSequence()) {
     for (const auto& tunnel : tunnels) {
       // "tcp/udp,127.0.0.1:6553,8.8.8.8:53,proxy" or a map with `address`.
       std::string address;
@@ -637,10 +639,12 @@ CoreConfig parse(const std::string& text, const std::filesystem::path& homeDir) 
       }
       const auto colon = address.rfind(':');
       if (colon == std::string::npos) continue;
-      config.extraInbounds.emplace_back(address.substr(0, colon), std::stoi(address.substr(colon + 1)));
+      config.extraInbounds.emplace_back(address.substr(0, colon),
+                                        std::stoi(address.substr(colon + 1)));
     }
   }
-  if (const YAML::Node cors = member(root, "external-controller-cors"); present(cors) && cors.IsMap()) {
+  if (const YAML::Node cors = member(root, "external-controller-cors");
+      present(cors) && cors.IsMap()) {
     if (const YAML::Node origins = member(cors, "allow-origins"); present(origins)) {
       if (!origins.IsSequence()) unmarshalError(origins, "[]string");
       config.corsOrigins.clear();

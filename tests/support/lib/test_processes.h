@@ -75,7 +75,8 @@ inline bool exitedCleanly(const std::optional<int>& status) {
 // The test panel as a child process, on a port of its own choosing.
 class PanelProcess {
  public:
-  explicit PanelProcess(const std::filesystem::path& outputDir, const std::string& generation = "v2")
+  explicit PanelProcess(const std::filesystem::path& outputDir,
+                        const std::string& generation = "v2")
       : child_(doubles::ChildProcess::Options{
             kFakePanel, {"--port", "0", "--generation", generation}, "", {}, outputDir}) {
     doubles::waitUntil([&] { return child_.stdoutText().find('\n') != std::string::npos; });
@@ -89,7 +90,9 @@ class PanelProcess {
     doubles::http(doubles::HttpCall{"DELETE", base() + "/__requests", std::nullopt, {}});
   }
   bool control(const Json& changes) const {
-    return doubles::http(doubles::HttpCall{"POST", base() + "/__control", changes.dump(),
+    return doubles::http(doubles::HttpCall{"POST",
+                                           base() + "/__control",
+                                           changes.dump(),
                                            {"Content-Type: application/json"}})
                .status == 200;
   }

@@ -80,8 +80,9 @@ TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
 TEST_F(BridgeDispatchTest, RejectStatementCarriesTheMessageAsLiteral) {
   bridge_->reject("3", "bad \"thing\"\u2028");
   ASSERT_EQ(sink_->answers.size(), 1u);
-  EXPECT_EQ(sink_->answers[0].statement,
-            R"(window.__nativeBridgeReject && window.__nativeBridgeReject("3", "bad \"thing\"\u2028");)");
+  EXPECT_EQ(
+      sink_->answers[0].statement,
+      R"(window.__nativeBridgeReject && window.__nativeBridgeReject("3", "bad \"thing\"\u2028");)");
 }
 
 TEST_F(BridgeDispatchTest, AnswersWithoutSinkAreDropped) {
@@ -106,18 +107,18 @@ TEST_P(BoolArgTest, ReadsBooleanArguments) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, BoolArgTest,
-    ::testing::Values(BoolCase{"true", true, true}, BoolCase{"false", false, false},
-                      BoolCase{"upper_TRUE", "TRUE", true}, BoolCase{"kaiqi", "开启", true},
-                      BoolCase{"qiyong", "启用", true}, BoolCase{"yes", "Yes", true},
-                      BoolCase{"on", "on", true}, BoolCase{"one", "1", true},
-                      BoolCase{"leading_blank", " true", false}, BoolCase{"number_2", 2, false},
-                      BoolCase{"number_1", 1, false}, BoolCase{"null", nullptr, false},
-                      BoolCase{"enabled", Json{{"enabled", true}}, true},
-                      BoolCase{"only_autoLaunch", Json{{"autoLaunch", true}}, true},
-                      BoolCase{"skips_non_bool", Json{{"enabled", "yes"}, {"openAtLogin", true}}, true},
-                      BoolCase{"first_bool_wins", Json{{"enabled", false}, {"autoLaunch", true}}, false},
-                      BoolCase{"no_bool_key", Json{{"enabled", 1}}, false},
-                      BoolCase{"array", Json::array({true}), false}),
+    ::testing::Values(
+        BoolCase{"true", true, true}, BoolCase{"false", false, false},
+        BoolCase{"upper_TRUE", "TRUE", true}, BoolCase{"kaiqi", "开启", true},
+        BoolCase{"qiyong", "启用", true}, BoolCase{"yes", "Yes", true}, BoolCase{"on", "on", true},
+        BoolCase{"one", "1", true}, BoolCase{"leading_blank", " true", false},
+        BoolCase{"number_2", 2, false}, BoolCase{"number_1", 1, false},
+        BoolCase{"null", nullptr, false}, BoolCase{"enabled", Json{{"enabled", true}}, true},
+        BoolCase{"only_autoLaunch", Json{{"autoLaunch", true}}, true},
+        BoolCase{"skips_non_bool", Json{{"enabled", "yes"}, {"openAtLogin", true}}, true},
+        BoolCase{"first_bool_wins", Json{{"enabled", false}, {"autoLaunch", true}}, false},
+        BoolCase{"no_bool_key", Json{{"enabled", 1}}, false},
+        BoolCase{"array", Json::array({true}), false}),
     [](const auto& info) { return info.param.name; });
 
 }  // namespace

@@ -24,18 +24,21 @@ TEST_P(JsStringLiteralTest, EscapesByCodePoint) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, JsStringLiteralTest,
-    ::testing::Values(
-        StringCase{"empty", "", R"("")"},
-        StringCase{"quote_backslash_tab_nul_ls",
-                   std::string("\"\\\t") + std::string(1, '\0') + "\u2028",
-                   R"("\"\\\t\u0000\u2028")"},
-        StringCase{"paragraph_separator", "a\u2029b", R"("a\u2029b")"},
-        StringCase{"short_escapes", "\b\f\n\r", R"("\b\f\n\r")"},
-        StringCase{"unit_separator_lowercase_hex", "\x1f\x1b", R"("\u001f\u001b")"},
-        StringCase{"delete_solidus_apostrophe_kept", "\x7f/'", "\"\x7f/'\""},
-        StringCase{"non_ascii_kept", "节点 🚀", "\"节点 🚀\""},
-        StringCase{"invalid_bytes_replaced", "a\xff" "b\xc3", "\"a\xEF\xBF\xBD" "b\xEF\xBF\xBD\""},
-        StringCase{"overlong_rejected", "\xc0\xaf", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""}),
+    ::testing::Values(StringCase{"empty", "", R"("")"},
+                      StringCase{"quote_backslash_tab_nul_ls",
+                                 std::string("\"\\\t") + std::string(1, '\0') + "\u2028",
+                                 R"("\"\\\t\u0000\u2028")"},
+                      StringCase{"paragraph_separator", "a\u2029b", R"("a\u2029b")"},
+                      StringCase{"short_escapes", "\b\f\n\r", R"("\b\f\n\r")"},
+                      StringCase{"unit_separator_lowercase_hex", "\x1f\x1b", R"("\u001f\u001b")"},
+                      StringCase{"delete_solidus_apostrophe_kept", "\x7f/'", "\"\x7f/'\""},
+                      StringCase{"non_ascii_kept", "节点 🚀", "\"节点 🚀\""},
+                      StringCase{"invalid_bytes_replaced",
+                                 "a\xff"
+                                 "b\xc3",
+                                 "\"a\xEF\xBF\xBD"
+                                 "b\xEF\xBF\xBD\""},
+                      StringCase{"overlong_rejected", "\xc0\xaf", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""}),
     [](const auto& info) { return info.param.name; });
 
 TEST(JsonLiteralTest, ScalarsAndContainers) {

@@ -14,15 +14,18 @@ Json group(const std::string& name, const std::string& type, std::vector<std::st
   return {{"name", name}, {"type", type}, {"all", all}, {"now", now}, {"udp", true}};
 }
 
-Json node(const std::string& name) { return {{"name", name}, {"type", "Vmess"}}; }
+Json node(const std::string& name) {
+  return {{"name", name}, {"type", "Vmess"}};
+}
 
 TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember) {
-  Json table = {{"HK-01", node("HK-01")},
-                {"剩余流量：97 GB", node("剩余流量：97 GB")},
-                {"Fallback", group("Fallback", "Fallback", {"HK-01"}, "HK-01")},
-                {"Main", group("Main", "Selector", {"自动选择", "DIRECT", "HK-01", "JP-02"}, "自动选择")},
-                {"OnlyHidden", group("OnlyHidden", "Selector", {"Auto", "REJECT"}, "Auto")},
-                {"odd", 42}};
+  Json table = {
+      {"HK-01", node("HK-01")},
+      {"剩余流量：97 GB", node("剩余流量：97 GB")},
+      {"Fallback", group("Fallback", "Fallback", {"HK-01"}, "HK-01")},
+      {"Main", group("Main", "Selector", {"自动选择", "DIRECT", "HK-01", "JP-02"}, "自动选择")},
+      {"OnlyHidden", group("OnlyHidden", "Selector", {"Auto", "REJECT"}, "Auto")},
+      {"odd", 42}};
   const auto result = normalizeProxiesForClient(table, {});
   const Json& t = result.table;
   EXPECT_FALSE(t.contains("剩余流量：97 GB"));
@@ -43,7 +46,8 @@ TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember
 TEST(MainGroupTest, FollowsTheCatchAllRuleToTheSelectorThatHoldsNodes) {
   const Json converter = {
       {"🐟 漏网之鱼", group("🐟 漏网之鱼", "Selector", {"🚀 节点选择", "DIRECT"}, "🚀 节点选择")},
-      {"🚀 节点选择", group("🚀 节点选择", "Selector", {"♻️ 自动选择", "HK", "JP"}, "♻️ 自动选择")},
+      {"🚀 节点选择",
+       group("🚀 节点选择", "Selector", {"♻️ 自动选择", "HK", "JP"}, "♻️ 自动选择")},
       {"♻️ 自动选择", group("♻️ 自动选择", "URLTest", {"HK", "JP"}, "HK")},
       {"🎬 国内媒体", group("🎬 国内媒体", "Selector", {"DIRECT", "HK"}, "DIRECT")},
       {"GLOBAL", group("GLOBAL", "Selector", {"DIRECT", "HK", "JP"}, "DIRECT")},
@@ -112,17 +116,19 @@ TEST_P(SetProxyArgsTest, Parses) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, SetProxyArgsTest,
-    ::testing::Values(
-        ArgsCase{"selector_and_proxy", Json::array({{{"selector", "GLOBAL"}, {"proxy", "HK-01"}}}),
-                 "GLOBAL", "HK-01"},
-        ArgsCase{"group_outranks_selector",
-                 Json::array({{{"group", "A"}, {"selector", "B"}, {"name", "n"}}}), "A", "n"},
-        ArgsCase{"non_string_key_skipped", Json::array({{{"name", 5}, {"node", "JP"}}}), "SELECT", "JP"},
-        ArgsCase{"single_string", Json::array({"HK-01"}), "SELECT", "HK-01"},
-        ArgsCase{"group_and_name", Json::array({"G", "N"}), "G", "N"},
-        ArgsCase{"empty_group_defaults", Json::array({"", "N"}), "SELECT", "N"},
-        ArgsCase{"number", Json::array({7}), "SELECT", ""},
-        ArgsCase{"nothing", Json::array(), "SELECT", ""}),
+    ::testing::Values(ArgsCase{"selector_and_proxy",
+                               Json::array({{{"selector", "GLOBAL"}, {"proxy", "HK-01"}}}),
+                               "GLOBAL", "HK-01"},
+                      ArgsCase{"group_outranks_selector",
+                               Json::array({{{"group", "A"}, {"selector", "B"}, {"name", "n"}}}),
+                               "A", "n"},
+                      ArgsCase{"non_string_key_skipped",
+                               Json::array({{{"name", 5}, {"node", "JP"}}}), "SELECT", "JP"},
+                      ArgsCase{"single_string", Json::array({"HK-01"}), "SELECT", "HK-01"},
+                      ArgsCase{"group_and_name", Json::array({"G", "N"}), "G", "N"},
+                      ArgsCase{"empty_group_defaults", Json::array({"", "N"}), "SELECT", "N"},
+                      ArgsCase{"number", Json::array({7}), "SELECT", ""},
+                      ArgsCase{"nothing", Json::array(), "SELECT", ""}),
     [](const auto& info) { return info.param.name; });
 
 struct LinkCase {
@@ -151,9 +157,11 @@ INSTANTIATE_TEST_SUITE_P(
                  "https://p.org/api/v1/client/subscribe?token=x&flag=clash.meta"},
         LinkCase{"get_config", "https://p.org/api/v1/client/getConfig",
                  "https://p.org/api/v1/client/subscribe?flag=clash.meta"},
-        LinkCase{"flag_present_any_case", "https://p.org/api/v1/client/subscribe?token=x&FLAG=Clash.Meta",
+        LinkCase{"flag_present_any_case",
+                 "https://p.org/api/v1/client/subscribe?token=x&FLAG=Clash.Meta",
                  "https://p.org/api/v1/client/subscribe?token=x&FLAG=Clash.Meta"},
-        LinkCase{"other_provider_unchanged", "https://other.org/sub?id=1", "https://other.org/sub?id=1"},
+        LinkCase{"other_provider_unchanged", "https://other.org/sub?id=1",
+                 "https://other.org/sub?id=1"},
         LinkCase{"not_a_url", "HK-01", "HK-01"}),
     [](const auto& info) { return info.param.name; });
 

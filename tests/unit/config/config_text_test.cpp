@@ -76,7 +76,8 @@ TEST(FilterFlowProxyListTest, DropsHiddenMembers) {
         "  - {name: G, type: select, proxies: [A, B]}"},
        {"- {name: G, proxies: [\"x, y\", 'Auto', z]}", "- {name: G, proxies: [\"x, y\", z]}"},
        {"- {name: G, proxies: [ \" Auto \" , HK]}", "- {name: G, proxies: [HK]}"},
-       {"- {proxies: [🇭🇰 香港 01, Expires: 2030-01-01, 🇯🇵 日本]}", "- {proxies: [🇭🇰 香港 01, 🇯🇵 日本]}"},
+       {"- {proxies: [🇭🇰 香港 01, Expires: 2030-01-01, 🇯🇵 日本]}",
+        "- {proxies: [🇭🇰 香港 01, 🇯🇵 日本]}"},
        {"- {proxies: [A,,B,]}", "- {proxies: [A, , B]}"},
        {"- {proxies: [A, Auto], use: [x], proxies: [Auto]}",
         "- {proxies: [A], use: [x], proxies: [Auto]}"},
@@ -95,43 +96,45 @@ TEST(FilterFlowProxyListTest, DropsHiddenMembers) {
 }
 
 TEST(NormalizeFlowProxyLineTest, AddsAFingerprintWhereNeeded) {
-  expectTable({{"  - {name: v, type: vless, tls: true, reality-opts: {public-key: k}}",
-                "  - {name: v, type: vless, tls: true, reality-opts: {public-key: k}, "
-                "client-fingerprint: chrome }"},
-               {"- {name: v, type: vless, tls: true}", "- {name: v, type: vless, tls: true}"},
-               {"- {type: vless, reality-opts: {a: b}}", "- {type: vless, reality-opts: {a: b}}"},
-               {"- {NAME: A, TYPE: AnyTLS}", "- {NAME: A, TYPE: AnyTLS, client-fingerprint: chrome }"},
-               {"- {name: a, type: anytls, }", "- {name: a, type: anytls,  client-fingerprint: chrome, }"},
-               {"- {type: anytls} # note", "- {type: anytls, client-fingerprint: chrome } # note"},
-               {"- {type: anytls, Client-Fingerprint: ios}", "- {type: anytls, Client-Fingerprint: ios}"},
-               {"- {type:anytls}", "- {type:anytls}"},
-               {"- {type: anytls", "- {type: anytls"}},
-              normalizeFlowProxyLine);
+  expectTable(
+      {{"  - {name: v, type: vless, tls: true, reality-opts: {public-key: k}}",
+        "  - {name: v, type: vless, tls: true, reality-opts: {public-key: k}, "
+        "client-fingerprint: chrome }"},
+       {"- {name: v, type: vless, tls: true}", "- {name: v, type: vless, tls: true}"},
+       {"- {type: vless, reality-opts: {a: b}}", "- {type: vless, reality-opts: {a: b}}"},
+       {"- {NAME: A, TYPE: AnyTLS}", "- {NAME: A, TYPE: AnyTLS, client-fingerprint: chrome }"},
+       {"- {name: a, type: anytls, }", "- {name: a, type: anytls,  client-fingerprint: chrome, }"},
+       {"- {type: anytls} # note", "- {type: anytls, client-fingerprint: chrome } # note"},
+       {"- {type: anytls, Client-Fingerprint: ios}", "- {type: anytls, Client-Fingerprint: ios}"},
+       {"- {type:anytls}", "- {type:anytls}"},
+       {"- {type: anytls", "- {type: anytls"}},
+      normalizeFlowProxyLine);
 }
 
 TEST(RemoveTopLevelBlocksTest, RemovesNamedSections) {
   constexpr std::array<std::string_view, 2> names = {"tun", "dns"};
-  expectTable(
-      {{"tun:\n  enable: true\ndns:\n  enable: true\nproxies:\n  - {name: a}", "proxies:\n  - {name: a}"},
-       {"dns:\n- 1.1.1.1\n  x: 1\nmode: rule", "- 1.1.1.1\n  x: 1\nmode: rule"},
-       {"tun:\n  x: 1\n# note\n  y: 2", "# note\n  y: 2"},
-       {"dns:   \n  a: 1\nb: 2", "b: 2"},
-       {"dns:\n\tx: 1\nb: 2", "b: 2"},
-       {"tun: {enable: true}\nmode: rule", "mode: rule"},
-       {"::dns: x\n  y\nb: 2", "b: 2"},
-       {"Dns:\n  a: 1", "Dns:\n  a: 1"},
-       {"tunnel:\n  a: 1\ndns-extra: 2", "tunnel:\n  a: 1\ndns-extra: 2"},
-       {"a:\n  dns:\n    x: 1", "a:\n  dns:\n    x: 1"},
-       {"a: 1\n\ntun:\n  x: 1\n\n  y: 2\nb: 2\n", "a: 1\n\nb: 2\n"},
-       {"a: 1\ntun:\n  x: 1\n", "a: 1"},
-       {"tun:\r\n  x: 1\r\nmode: rule\r\n", "mode: rule\n\n"},
-       {"a: 1\u2028tun:\u0085  x\u2029b: 2", "a: 1\nb: 2"}},
-      [&](const std::string& s) { return removeTopLevelYamlBlocks(s, names); });
+  expectTable({{"tun:\n  enable: true\ndns:\n  enable: true\nproxies:\n  - {name: a}",
+                "proxies:\n  - {name: a}"},
+               {"dns:\n- 1.1.1.1\n  x: 1\nmode: rule", "- 1.1.1.1\n  x: 1\nmode: rule"},
+               {"tun:\n  x: 1\n# note\n  y: 2", "# note\n  y: 2"},
+               {"dns:   \n  a: 1\nb: 2", "b: 2"},
+               {"dns:\n\tx: 1\nb: 2", "b: 2"},
+               {"tun: {enable: true}\nmode: rule", "mode: rule"},
+               {"::dns: x\n  y\nb: 2", "b: 2"},
+               {"Dns:\n  a: 1", "Dns:\n  a: 1"},
+               {"tunnel:\n  a: 1\ndns-extra: 2", "tunnel:\n  a: 1\ndns-extra: 2"},
+               {"a:\n  dns:\n    x: 1", "a:\n  dns:\n    x: 1"},
+               {"a: 1\n\ntun:\n  x: 1\n\n  y: 2\nb: 2\n", "a: 1\n\nb: 2\n"},
+               {"a: 1\ntun:\n  x: 1\n", "a: 1"},
+               {"tun:\r\n  x: 1\r\nmode: rule\r\n", "mode: rule\n\n"},
+               {"a: 1\u2028tun:\u0085  x\u2029b: 2", "a: 1\nb: 2"}},
+              [&](const std::string& s) { return removeTopLevelYamlBlocks(s, names); });
 }
 
 TEST(SanitizeTest, FiltersAndNormalizesFlowEntries) {
   expectTable(
-      {{"proxies:\n  - {name: 剩余流量：100 GB, type: ss}\n    - {name: \"🇭🇰 香港\", type: anytls}\n",
+      {{"proxies:\n  - {name: 剩余流量：100 GB, type: ss}\n    - {name: \"🇭🇰 香港\", type: "
+        "anytls}\n",
         "proxies:\n    - {name: \"🇭🇰 香港\", type: anytls, client-fingerprint: chrome }\n"},
        {"proxies:\n  - {name: a, type: ss}\nmode: rule\n  - {name: Auto, type: ss}",
         "proxies:\n  - {name: a, type: ss}\nmode: rule"},
@@ -158,7 +161,7 @@ TEST(SanitizeTest, FiltersAndNormalizesFlowEntries) {
         "    proxies:\n      - \"剩余流量：1 GB\"\n      - HK\n"},
        {"proxies:\n  - {name: Auto, type: ss}\nrules:\n  - MATCH,\"Auto\"\n",
         "proxies:\n  - {name: Auto, type: ss}\nrules:\n  - MATCH,\"Auto\"\n"},
-       {"proxies:\n  - {name: Auto, type: ss}\nproxy-groups:\n  - name: Auto-2\n", 
+       {"proxies:\n  - {name: Auto, type: ss}\nproxy-groups:\n  - name: Auto-2\n",
         "proxies:\nproxy-groups:\n  - name: Auto-2\n"}},
       sanitizeSubscriptionYaml);
 }
@@ -199,13 +202,24 @@ TEST(EnsureRuleTest, PlacesTheRuleFirstAndOnce) {
 }
 
 TEST(HiddenChoiceTest, DecidesByNameAlone) {
-  const std::vector<std::pair<std::string, bool>> table = {
-      {"  Auto\t", true},         {"\u3000Auto\u00a0\n", true},  {"auto", false},
-      {"Auto Select 2", false},   {"자동 선택", true},           {"자동선택", false},
-      {"DIRECT", true},           {"REJECT", true},              {"REJECT-DROP", false},
-      {"GLOBAL", false},          {"Expires: 2030-01-01", true}, {"距離下次重置剩餘：12 天", true},
-      {"만료 2030-01-01", true},  {"  Plan Expires 2030", true}, {"HK Expires", false},
-      {"expires 2030", false},    {"🇭🇰 香港 01", false},          {"", false}};
+  const std::vector<std::pair<std::string, bool>> table = {{"  Auto\t", true},
+                                                           {"\u3000Auto\u00a0\n", true},
+                                                           {"auto", false},
+                                                           {"Auto Select 2", false},
+                                                           {"자동 선택", true},
+                                                           {"자동선택", false},
+                                                           {"DIRECT", true},
+                                                           {"REJECT", true},
+                                                           {"REJECT-DROP", false},
+                                                           {"GLOBAL", false},
+                                                           {"Expires: 2030-01-01", true},
+                                                           {"距離下次重置剩餘：12 天", true},
+                                                           {"만료 2030-01-01", true},
+                                                           {"  Plan Expires 2030", true},
+                                                           {"HK Expires", false},
+                                                           {"expires 2030", false},
+                                                           {"🇭🇰 香港 01", false},
+                                                           {"", false}};
   for (const auto& [name, hidden] : table) EXPECT_EQ(isHiddenProxyChoice(name), hidden) << name;
   EXPECT_EQ(filteredProxyChoices({"HK 01", "Auto", "JP 02", "剩余流量：1 GB", "HK 01", " DIRECT "}),
             (std::vector<std::string>{"HK 01", "JP 02", "HK 01"}));
@@ -213,11 +227,21 @@ TEST(HiddenChoiceTest, DecidesByNameAlone) {
 
 TEST(RoutingModeTest, MapsLabelsAndArguments) {
   const std::vector<std::pair<std::string, std::optional<std::string>>> labels = {
-      {"  Global ", "global"},  {"\u3000DIRECT\n", "direct"}, {"Rules", "rule"},
-      {"Rule Mode", "rule"},    {"全局模式", "global"},       {"全域", "global"},
-      {"グローバル", "global"}, {"규칙 모드", "rule"},        {"直連模式", "direct"},
-      {"ダイレクト", "direct"}, {"rule-mode", std::nullopt},  {"全局 模式", std::nullopt},
-      {"글로벌모드", std::nullopt}, {"globals", std::nullopt}, {"ＧＬＯＢＡＬ", std::nullopt},
+      {"  Global ", "global"},
+      {"\u3000DIRECT\n", "direct"},
+      {"Rules", "rule"},
+      {"Rule Mode", "rule"},
+      {"全局模式", "global"},
+      {"全域", "global"},
+      {"グローバル", "global"},
+      {"규칙 모드", "rule"},
+      {"直連模式", "direct"},
+      {"ダイレクト", "direct"},
+      {"rule-mode", std::nullopt},
+      {"全局 模式", std::nullopt},
+      {"글로벌모드", std::nullopt},
+      {"globals", std::nullopt},
+      {"ＧＬＯＢＡＬ", std::nullopt},
       {"", std::nullopt}};
   for (const auto& [label, mode] : labels) EXPECT_EQ(normalizedMihomoMode(label), mode) << label;
   EXPECT_EQ(normalizedMihomoMode(std::nullopt), std::nullopt);
@@ -231,7 +255,8 @@ TEST(RoutingModeTest, MapsLabelsAndArguments) {
       {R"([{"Mode": "global"}])", std::nullopt},
       {R"([["global"]])", std::nullopt},
       {R"("global")", std::nullopt}};
-  for (const auto& [json, mode] : args) EXPECT_EQ(runtimeModeFromArgs(Json::parse(json)), mode) << json;
+  for (const auto& [json, mode] : args)
+    EXPECT_EQ(runtimeModeFromArgs(Json::parse(json)), mode) << json;
 }
 
 std::string generatedTail(std::string_view mode) {
@@ -288,8 +313,9 @@ TEST(RuntimeConfigTextTest, OwnedKeysDropOnlyAtTheTopLevel) {
 std::string builtStepByStep(std::string_view subscription, std::string_view mode, bool tun) {
   constexpr std::array<std::string_view, 2> sections = {"tun", "dns"};
   constexpr std::array<std::string_view, 9> owned = {
-      "mixed-port:", "port:", "socks-port:", "external-controller:", "allow-lan:",
-      "bind-address:", "geo-auto-update:", "mode:", "ipv6:"};
+      "mixed-port:",          "port:",      "socks-port:",
+      "external-controller:", "allow-lan:", "bind-address:",
+      "geo-auto-update:",     "mode:",      "ipv6:"};
   const std::string withoutSections = removeTopLevelYamlBlocks(subscription, sections);
   std::vector<std::string> kept;
   for (std::string_view line : base::splitLines(withoutSections)) {
@@ -305,14 +331,36 @@ std::string builtStepByStep(std::string_view subscription, std::string_view mode
 
 TEST(RuntimeConfigTextTest, OnePassMatchesTheStepsOnRandomSubscriptions) {
   const std::array<std::string_view, 30> lines = {
-      "tun:", "  stack: gvisor", "dns:", "  enable: true", "- 1.1.1.1", "proxies:",
-      "proxy-groups:", "rules:", "rules: []", "  rules:",
-      "  - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT", "# comment",
-      "  - MATCH,DIRECT", "\t- DOMAIN,a.example,Auto", "  - {name: Auto, type: ss}",
-      "  - {name: \"🇭🇰 香港\", type: anytls}", "  - {name: r, type: vless, tls: true, reality-opts: {a: b}}",
-      "- {name: 剩余流量：1 GB, type: ss}", "  - {name: G, proxies: [Auto, HK,'a, b']}",
-      "  - {name: 自动选择, proxies: [HK]}", "  - name: Auto", "      - 自动选择", "mode: rule",
-      "    port: 1", "mixed-port: 7890", "", "   ", "\u3000", "log-level: info", "tun: {enable: true}"};
+      "tun:",
+      "  stack: gvisor",
+      "dns:",
+      "  enable: true",
+      "- 1.1.1.1",
+      "proxies:",
+      "proxy-groups:",
+      "rules:",
+      "rules: []",
+      "  rules:",
+      "  - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT",
+      "# comment",
+      "  - MATCH,DIRECT",
+      "\t- DOMAIN,a.example,Auto",
+      "  - {name: Auto, type: ss}",
+      "  - {name: \"🇭🇰 香港\", type: anytls}",
+      "  - {name: r, type: vless, tls: true, reality-opts: {a: b}}",
+      "- {name: 剩余流量：1 GB, type: ss}",
+      "  - {name: G, proxies: [Auto, HK,'a, b']}",
+      "  - {name: 自动选择, proxies: [HK]}",
+      "  - name: Auto",
+      "      - 自动选择",
+      "mode: rule",
+      "    port: 1",
+      "mixed-port: 7890",
+      "",
+      "   ",
+      "\u3000",
+      "log-level: info",
+      "tun: {enable: true}"};
   const std::array<std::string_view, 5> endings = {"\n", "\n", "\r\n", "\r", "\u2028"};
   std::mt19937 random(7);
   for (int round = 0; round < 3000; ++round) {
@@ -323,7 +371,8 @@ TEST(RuntimeConfigTextTest, OnePassMatchesTheStepsOnRandomSubscriptions) {
       if (i + 1 < count || random() % 2) subscription += endings[random() % endings.size()];
     }
     const bool tun = random() % 2 == 0;
-    ASSERT_EQ(buildRuntimeConfigText(subscription, "rule", tun), builtStepByStep(subscription, "rule", tun))
+    ASSERT_EQ(buildRuntimeConfigText(subscription, "rule", tun),
+              builtStepByStep(subscription, "rule", tun))
         << "subscription: [" << subscription << "]";
   }
 }

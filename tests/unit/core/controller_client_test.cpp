@@ -25,7 +25,8 @@ TEST(PercentEncodePathComponentTest, EscapesEverythingThatCouldSplitThePath) {
       {"\xf0\x9f\x87\xad\xf0\x9f\x87\xb0 HK", "%F0%9F%87%AD%F0%9F%87%B0%20HK"},
       {"", ""},
   };
-  for (const auto& [name, encoded] : cases) EXPECT_EQ(controller::percentEncodePathComponent(name), encoded);
+  for (const auto& [name, encoded] : cases)
+    EXPECT_EQ(controller::percentEncodePathComponent(name), encoded);
 }
 
 class ControllerClientTest : public ::testing::Test {

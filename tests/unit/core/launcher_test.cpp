@@ -25,8 +25,8 @@
 #include "process/process_runner.h"
 #include "recording_logger.h"
 #include "temp_home.h"
-#include "test_processes.h"
 #include "test_config.h"
+#include "test_processes.h"
 
 namespace qev::core {
 namespace {
@@ -103,12 +103,13 @@ class LauncherRig {
   }
 
   void writeLauncher(const std::map<std::string, std::string>& coreEnvironment) {
-    std::string script = "#!/bin/sh\nexport QEV_MIHOMO=" + test::shellQuoted(test::kFakeCore) + "\n";
+    std::string script =
+        "#!/bin/sh\nexport QEV_MIHOMO=" + test::shellQuoted(test::kFakeCore) + "\n";
     for (const auto& [name, value] : coreEnvironment) {
       script += "export " + name + "=" + test::shellQuoted(value) + "\n";
     }
-    script +=
-        "exec " + test::shellQuoted(std::string(test::kStageDir) + "/libs/linux/clash") + " \"$@\"\n";
+    script += "exec " + test::shellQuoted(std::string(test::kStageDir) + "/libs/linux/clash") +
+              " \"$@\"\n";
     const auto launcher = profile_.paths.libs / "clash";
     test::writeText(launcher, script);
     fs::permissions(launcher, fs::perms::owner_all);
@@ -172,7 +173,7 @@ TEST(LauncherTest, StartsTheCoreThroughTheLauncherAndRemovesThePlaintextFile) {
   const int pid = rig.startedPid();
   ASSERT_GT(pid, 0);
   EXPECT_EQ(test::commandLineOf(pid), "clash.mihomo -d " + rig.profile_.paths.appSupport.string() +
-                                    " -f " + rig.profile_.paths.configYaml.string() + " ");
+                                          " -f " + rig.profile_.paths.configYaml.string() + " ");
   EXPECT_EQ(rig.geoEnsured.load(), 1);
   EXPECT_EQ(rig.removed.load(), 1);
   EXPECT_FALSE(base::itemExists(rig.profile_.paths.configYaml));
@@ -305,8 +306,8 @@ TEST(LauncherTest, StaleCoresAreSweptEvenWhenTheyIgnoreSigterm) {
   LauncherRig rig({}, /*installLauncher=*/false);
   const std::string dataFolder = rig.profile_.paths.appSupport.string();
   const std::string title = "clash.mihomo -d " + dataFolder + " -f " + dataFolder + "/config.yaml";
-  auto polite =
-      process::spawnWithErrorPipe("/bin/bash", {"-c", "exec -a " + test::shellQuoted(title) + " sleep 300"});
+  auto polite = process::spawnWithErrorPipe(
+      "/bin/bash", {"-c", "exec -a " + test::shellQuoted(title) + " sleep 300"});
   auto stubborn = process::spawnWithErrorPipe(
       "/bin/bash", {"-c", "trap '' TERM; exec -a " + test::shellQuoted(title) + " sleep 300"});
   // An unrelated process with a similar command line outside this home survives.
@@ -350,10 +351,10 @@ TEST(LauncherScriptTest, TunPermissionRefusalLeavesMarkers) {
     const auto config = data / ".qevjs-runtime-config.yaml";
     test::writeText(config, "mode: rule\ntun:\n  enable: true\n  stack: system\n");
     const std::string launcher = std::string(test::kStageDir) + "/libs/linux/clash";
-    const auto result =
-        process::runProcessOutput("/usr/bin/env", {"PATH=" + tools.string() + ":/usr/bin:/bin",
-                                          std::string("QEV_MIHOMO=") + test::kFakeCore, launcher,
-                                          "-d", data.string(), "-f", config.string(), "-t"});
+    const auto result = process::runProcessOutput(
+        "/usr/bin/env",
+        {"PATH=" + tools.string() + ":/usr/bin:/bin", std::string("QEV_MIHOMO=") + test::kFakeCore,
+         launcher, "-d", data.string(), "-f", config.string(), "-t"});
     EXPECT_TRUE(result.ok) << result.output;
     EXPECT_EQ(test::readText(dir.path() / "pkexec.args"),
               "setcap cap_net_admin,cap_net_bind_service=+ep " +

@@ -54,8 +54,8 @@ TEST(ProcessRunnerTest, ChattyChildOnBothPipesDoesNotDeadlock) {
   EXPECT_EQ(result.output.find_first_not_of('o'), 1048576u);
   EXPECT_EQ(result.output.find_first_not_of('e', 1048576u), std::string::npos);
   // process::runProcess throws the output away and must not block either.
-  EXPECT_TRUE(
-      process::runProcess(kShell, {"-c", "head -c 1048576 /dev/zero; head -c 1048576 /dev/zero >&2"}));
+  EXPECT_TRUE(process::runProcess(
+      kShell, {"-c", "head -c 1048576 /dev/zero; head -c 1048576 /dev/zero >&2"}));
 }
 
 TEST(ProcessRunnerTest, ChildGetsTheEnvironmentAndNoStrayDescriptors) {

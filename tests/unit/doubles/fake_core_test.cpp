@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "test_processes.h"
 #include "base/json.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 
 namespace qev::test {
 namespace {
