@@ -12,20 +12,9 @@
   });
   const DEFAULT_UPDATE_MESSAGE = '检测到新版本，是否下载更新？';
 
-  function storedToken() {
-    const keys = ['token', 'auth_data', 'authorization'];
-    for (let i = 0; i < keys.length; i++) {
-      const value = storageGet(keys[i]);
-      if (value) {
-        return value;
-      }
-    }
-    return '';
-  }
-
   function updateCheckUrls() {
+    // The check never carries the user's token: it asks for a version, not for an account.
     const version = encodeURIComponent(SETTINGS.clientVersion);
-    const token = storedToken();
     const urls = [];
     function add(url) {
       if (url && urls.indexOf(url) < 0) {
@@ -33,17 +22,12 @@
       }
     }
     if (typeof currentConfig.update_url === 'string' && currentConfig.update_url) {
-      let url = currentConfig.update_url.split('{platform}').join(SETTINGS.platform).split('{version}').join(version);
-      if (token && !/[?&]token=/.test(url)) {
-        url = withQuery(url, 'token', encodeURIComponent(token));
-      }
-      add(url);
+      add(currentConfig.update_url.split('{platform}').join(SETTINGS.platform).split('{version}').join(version));
     }
     const base = currentConfig.api;
     if (base) {
       add(base + '/api/v1/client/update?platform=' + SETTINGS.platform + '&version=' + version);
-      add(base + '/api/v1/client/app/getVersion?platform=' + SETTINGS.platform + '&version=' + version +
-          (token ? '&token=' + encodeURIComponent(token) : ''));
+      add(base + '/api/v1/client/app/getVersion?platform=' + SETTINGS.platform + '&version=' + version);
     }
     return urls;
   }
@@ -79,7 +63,9 @@
     }
     const version = fieldValue(info, VERSION_FIELDS) || fieldValue(currentConfig, ['version']);
     const url = fieldValue(info, DOWNLOAD_FIELDS) || fieldValue(currentConfig, ['download_url']);
-    if (!version || !url) {
+    // Only an https address may be offered for download: anything else could be swapped on
+    // the way.
+    if (!version || !/^https:\/\//i.test(url)) {
       return null;
     }
     return {
@@ -120,10 +106,7 @@
     if (compareVersions(info.version, SETTINGS.clientVersion) === 0) {
       return;
     }
-    if (info.force) {
-      openDownload(info.url);
-      return;
-    }
+    // Even a forced update downloads only once the user agrees.
     const text = '发现新版本 ' + info.version + '\n\n' + (info.message || DEFAULT_UPDATE_MESSAGE) +
                  '\n\n点击确定下载更新包。';
     if (typeof window.confirm === 'function' && window.confirm(text)) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 namespace qev::config::detail {
 
@@ -44,6 +45,9 @@ struct NameHash {
   }
 };
 using NameSet = std::unordered_set<std::string, NameHash, std::equal_to<>>;
+
+// The comma-separated fields of a rule list item (the text after "- "), trimmed and unquoted.
+std::vector<std::string_view> ruleFields(std::string_view item);
 
 // Which top-level section a line belongs to, as far as the subscription rewriting cares.
 class SectionTracker {

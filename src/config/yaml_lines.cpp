@@ -227,6 +227,17 @@ bool TopLevelBlockFilter::keep(std::string_view line) {
   return !skipping_;
 }
 
+std::vector<std::string_view> ruleFields(std::string_view item) {
+  const std::string_view rule = unquoteYamlScalar(item);
+  std::vector<std::string_view> fields;
+  for (std::size_t start = 0; start <= rule.size();) {
+    const std::size_t comma = std::min(rule.find(',', start), rule.size());
+    fields.push_back(unquoteYamlScalar(base::trimBlanks(rule.substr(start, comma - start))));
+    start = comma + 1;
+  }
+  return fields;
+}
+
 SectionTracker::Section SectionTracker::update(std::string_view line, std::string_view trimmed) {
   if (isTopLevelLine(line) && trimmed.ends_with(':')) {
     const std::string_view section = trimmed.substr(0, trimmed.size() - 1);
@@ -248,13 +259,7 @@ void NamedChoiceCollector::add(std::string_view line) {
   if (!trimmed.starts_with("- ")) return;
   if (section == Section::kRules) {
     // The target is the last field, after the options that may follow it.
-    const std::string_view rule = unquoteYamlScalar(trimmed.substr(2));
-    std::vector<std::string_view> fields;
-    for (std::size_t start = 0; start <= rule.size();) {
-      const std::size_t comma = std::min(rule.find(',', start), rule.size());
-      fields.push_back(unquoteYamlScalar(base::trimBlanks(rule.substr(start, comma - start))));
-      start = comma + 1;
-    }
+    std::vector<std::string_view> fields = ruleFields(trimmed.substr(2));
     while (!fields.empty() && (fields.back() == "no-resolve" || fields.back() == "src")) {
       fields.pop_back();
     }

@@ -51,15 +51,15 @@ describe('configuration', () => {
 });
 
 describe('update check', () => {
-  it('lists the candidate URLs with platform, version and token', async () => {
+  it('lists the candidate URLs with platform and version, never the token', async () => {
     const cases = [
       {
         remote: { api: 'https://p.example', update: { url: 'https://u.example/{platform}/latest?v={version}&p={platform}' } },
         storage: { auth_data: 'a b' },
         expected: [
-          `https://u.example/${PLATFORM}/latest?v=${VERSION}&p=${PLATFORM}&token=a%20b`,
+          `https://u.example/${PLATFORM}/latest?v=${VERSION}&p=${PLATFORM}`,
           `https://p.example/api/v1/client/update?platform=${PLATFORM}&version=${VERSION}`,
-          `https://p.example/api/v1/client/app/getVersion?platform=${PLATFORM}&version=${VERSION}&token=a%20b`,
+          `https://p.example/api/v1/client/app/getVersion?platform=${PLATFORM}&version=${VERSION}`,
         ],
       },
       {
@@ -68,7 +68,7 @@ describe('update check', () => {
         expected: [
           'https://u.example/check?token=own',
           `https://p.example/api/v1/client/update?platform=${PLATFORM}&version=${VERSION}`,
-          `https://p.example/api/v1/client/app/getVersion?platform=${PLATFORM}&version=${VERSION}&token=tok`,
+          `https://p.example/api/v1/client/app/getVersion?platform=${PLATFORM}&version=${VERSION}`,
         ],
       },
       {
@@ -94,7 +94,7 @@ describe('update check', () => {
     const remote = { api: 'https://p.example', update: { url: 'https://u.example/check' } };
     const answers = (url) => {
       if (url.startsWith('https://u.example/check')) return 404;
-      if (url.includes('/client/update')) return { data: { message: 'no version here' } };
+      if (url.includes('/client/update')) return { data: { version: '98.0.0', download_url: 'http://d.example/plain', force: true } };
       if (url.includes('/getVersion')) {
         return { data: { version: '0.0.1-generic', [PLATFORM]: { version: '99.0.0', download_url: 'https://d.example/qev-99' } } };
       }
@@ -113,6 +113,16 @@ describe('update check', () => {
       });
       assert.deepEqual(seen.confirms, ['发现新版本 99.0.0\n\n检测到新版本，是否下载更新？\n\n点击确定下载更新包。']);
       assert.deepEqual(seen.opened, [['https://d.example/qev-99', '_blank']]);
+    });
+    // An http address is never offered, and a forced update still waits for the user.
+    const forced = (url) => (url.includes('/getVersion')
+      ? { data: { version: '99.0.0', download_url: 'https://d.example/qev-99', force: true } } : answers(url));
+    const refused = ossPage({ remote, answers: forced, confirm: false });
+    await withPage(refused.options, async (page, window) => {
+      await waitFor(() => window.__QEVJS_UPDATE__, { what: 'update result' });
+      assert.equal(window.__QEVJS_UPDATE__.force, true);
+      assert.equal(refused.seen.confirms.length, 1);
+      assert.deepEqual(refused.seen.opened, []);
     });
   });
 

@@ -62,9 +62,15 @@ TEST(RedactFreeTextTest, NoCredentialSurvivesInAnyShape) {
 }
 
 TEST(RedactJsonTest, DeepNestingBecomesAPlaceholder) {
-  Json deep = "leaf";
-  for (int i = 0; i < 10000; ++i) deep = Json::array({std::move(deep)});
-  const std::string preview = bridgeArgsPreview(Json::array({deep}));
+  // Built in place: copying a value this deep would itself recurse through every level.
+  Json args = Json::array();
+  Json* innermost = &args;
+  for (int i = 0; i < 100000; ++i) {
+    innermost->push_back(Json::array());
+    innermost = &innermost->back();
+  }
+  innermost->push_back("leaf");
+  const std::string preview = bridgeArgsPreview(args);
   EXPECT_NE(preview.find("[too deep]"), std::string::npos);
   EXPECT_EQ(preview.find("leaf"), std::string::npos);
 }

@@ -333,8 +333,11 @@ TEST(LauncherTest, StaleCoresAreSweptEvenWhenTheyIgnoreSigterm) {
 }
 
 // The launcher script's TUN permission request, with stand-ins for id, getcap and pkexec.
-TEST(LauncherScriptTest, TunPermissionRefusalLeavesMarkers) {
-  for (const bool granted : {false, true}) {
+TEST(LauncherScriptTest, TunPermissionIsAskedForOnlyWhenSafeAndNeeded) {
+  enum class Case { kGranted, kRefused, kAlreadyGranted, kNoGetcap, kWritableBinary };
+  for (const Case c : {Case::kGranted, Case::kRefused, Case::kAlreadyGranted, Case::kNoGetcap,
+                       Case::kWritableBinary}) {
+    SCOPED_TRACE(static_cast<int>(c));
     test::TempDir dir;
     const auto tools = dir.path() / "tools";
     const auto data = dir.path() / "data";
@@ -343,24 +346,46 @@ TEST(LauncherScriptTest, TunPermissionRefusalLeavesMarkers) {
       test::writeText(tools / name, "#!/bin/sh\n" + body + "\n");
       fs::permissions(tools / name, fs::perms::owner_all);
     };
-    tool("id", "echo 1000");
-    tool("getcap", "exit 0");
+    tool("setcap", "exit 0");
+    if (c != Case::kNoGetcap) {
+      tool("getcap", c == Case::kAlreadyGranted ? "echo \"$1 cap_net_admin=ep\"" : "exit 0");
+    }
     tool("pkexec", "echo \"$@\" > " + test::shellQuoted((dir.path() / "pkexec.args").string()) +
-                       (granted ? "; exit 0" : "; exit 126"));
+                       (c == Case::kRefused ? "; exit 126" : "; exit 0"));
+    // A stand-in of the same name early on PATH is never used; `id` plays a normal user.
+    test::writeText(dir.path() / "path/pkexec",
+                    "#!/bin/sh\ntouch " + (dir.path() / "hijacked").string());
+    test::writeText(dir.path() / "path/id", "#!/bin/sh\necho 1000\n");
+    for (const char* name : {"pkexec", "id"})
+      fs::permissions(dir.path() / "path" / name, fs::perms::owner_all);
+    // The core: the built test core, or a copy that other users may write.
+    std::string core = fs::canonical(test::kFakeCore).string();
+    if (c == Case::kWritableBinary) {
+      fs::create_directories(dir.path() / "bin");
+      core = (dir.path() / "bin/core").string();
+      fs::copy_file(test::kFakeCore, core);
+      fs::permissions(core, fs::perms::owner_all | fs::perms::group_all);
+    }
     test::writeText(data / ".qevjs-tun-cancel", "");
     const auto config = data / ".qevjs-runtime-config.yaml";
     test::writeText(config, "mode: rule\ntun:\n  enable: true\n  stack: system\n");
     const std::string launcher = std::string(test::kStageDir) + "/libs/linux/clash";
     const auto result = process::runProcessOutput(
-        "/usr/bin/env",
-        {"PATH=" + tools.string() + ":/usr/bin:/bin", std::string("QEV_MIHOMO=") + test::kFakeCore,
-         launcher, "-d", data.string(), "-f", config.string(), "-t"});
+        "/usr/bin/env", {"PATH=" + (dir.path() / "path").string() + ":/usr/bin:/bin",
+                         "QEV_SYSTEM_BIN_DIRS=" + tools.string(), "QEV_MIHOMO=" + core, launcher,
+                         "-d", data.string(), "-f", config.string(), "-t"});
     EXPECT_TRUE(result.ok) << result.output;
-    EXPECT_EQ(test::readText(dir.path() / "pkexec.args"),
-              "setcap cap_net_admin,cap_net_bind_service=+ep " +
-                  fs::canonical(test::kFakeCore).string() + "\n");
-    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-cancel"), !granted);
-    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-admin.ok"), !granted);
+    const bool asked = c == Case::kGranted || c == Case::kRefused || c == Case::kNoGetcap;
+    EXPECT_EQ(base::itemExists(dir.path() / "pkexec.args"), asked);
+    if (asked) {
+      EXPECT_EQ(
+          test::readText(dir.path() / "pkexec.args"),
+          (tools / "setcap").string() + " cap_net_admin,cap_net_bind_service=+ep " + core + "\n");
+    }
+    const bool refused = c == Case::kRefused || c == Case::kWritableBinary;
+    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-cancel"), refused);
+    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-admin.ok"), refused);
+    EXPECT_FALSE(base::itemExists(dir.path() / "hijacked"));
   }
 }
 
