@@ -59,8 +59,8 @@ const FreeTextPatterns& patterns() {
   return compiled;
 }
 
-// Rebuilds `value` with `leaf` applied to every leaf and `keep(key)` deciding per object member
-// whether its value is walked or masked; depth-limited.
+// Rebuilds `value` with `leaf` applied to every leaf and `mask(key)` deciding per object member
+// whether its value is masked instead of walked; depth-limited.
 template <class Leaf, class Mask>
 Json mapJson(const Json& value, Leaf leaf, Mask mask, int depth = 0) {
   if (value.is_structured() && depth >= kMaxDepth) return Json(std::string(kTooDeep));

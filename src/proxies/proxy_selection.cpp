@@ -108,46 +108,47 @@ void ProxySelection::putSelection(std::string group, std::string name, Selection
 }
 
 void ProxySelection::selectInMainGroup(const std::string& name, Completion completion) {
-  controller_.httpJSON(
-      "GET", controller_.base() + "/proxies", std::nullopt,
-      [this, name, completion = std::move(completion)](Result<Json> reply) {
-        const Json* table = nullptr;
-        if (reply && reply.value().is_object() && reply.value().contains("proxies")) {
-          table = &reply.value()["proxies"];
-        }
-        const config::ConfigOutline outline = outline_();
-        const std::optional<std::string> main =
-            table ? resolveMainGroup(*table, outline) : std::nullopt;
-        // Each selector from the catch-all target points at the next one down to the main group.
-        std::vector<std::pair<std::string, std::string>> route;
-        if (table && main && outline.catchAllTarget) {
-          const std::string& target = *outline.catchAllTarget;
-          const auto path = selectorPath(*table, target, *main);
-          for (std::size_t i = 0; i + 1 < path.size(); ++i)
-            route.emplace_back(path[i], path[i + 1]);
-          // A catch-all target that the main group cannot be reached from, but that holds the
-          // node itself (a site group beside the product group, an automatic group), gets the
-          // pick as well, or the pick would carry nothing in rule mode.
-          if (path.empty() && target != *main && isSwitchableGroup((*table)[target]) &&
-              groupHolds((*table)[target], name)) {
-            route.emplace_back(target, name);
-          }
-        }
-        if (main && *main != "GLOBAL" && table && isSelectorEntry((*table)["GLOBAL"])) {
-          route.emplace_back("GLOBAL", name);
-        }
-        putSelection(main.value_or(std::string(kSelectorGroup)), name,
-                     [this, name, route = std::move(route), completion](
-                         std::optional<BridgeError> error, std::string taken) mutable {
-                       if (error) {
-                         completion(std::move(error));
-                         return;
-                       }
-                       putEach(std::move(route), 0, [this, taken, name, completion] {
-                         finishSelection(taken, name, completion);
+  controller_.httpJSON("GET", controller_.base() + "/proxies", std::nullopt,
+                       [this, name, completion = std::move(completion)](Result<Json> reply) {
+                         const Json* table = proxyTableOf(reply);
+                         const config::ConfigOutline outline = outline_();
+                         const std::optional<std::string> main =
+                             table ? resolveMainGroup(*table, outline) : std::nullopt;
+                         // Each selector from the catch-all target points at the next one down to
+                         // the main group.
+                         std::vector<std::pair<std::string, std::string>> route;
+                         if (table && main && outline.catchAllTarget) {
+                           const std::string& target = *outline.catchAllTarget;
+                           const auto path = selectorPath(*table, target, *main);
+                           for (std::size_t i = 0; i + 1 < path.size(); ++i)
+                             route.emplace_back(path[i], path[i + 1]);
+                           // A catch-all target that the main group cannot be reached from, but
+                           // that holds the node itself (a site group beside the product group, an
+                           // automatic group), gets the pick as well, or the pick would carry
+                           // nothing in rule mode.
+                           const Json* targetEntry = proxyEntry(*table, target);
+                           if (path.empty() && target != *main && targetEntry &&
+                               isSwitchableGroup(*targetEntry) && groupHolds(*targetEntry, name)) {
+                             route.emplace_back(target, name);
+                           }
+                         }
+                         const Json* global = table ? proxyEntry(*table, "GLOBAL") : nullptr;
+                         if (main && *main != "GLOBAL" && global && isSelectorEntry(*global)) {
+                           route.emplace_back("GLOBAL", name);
+                         }
+                         putSelection(
+                             main.value_or(std::string(kSelectorGroup)), name,
+                             [this, name, route = std::move(route), completion](
+                                 std::optional<BridgeError> error, std::string taken) mutable {
+                               if (error) {
+                                 completion(std::move(error));
+                                 return;
+                               }
+                               putEach(std::move(route), 0, [this, taken, name, completion] {
+                                 finishSelection(taken, name, completion);
+                               });
+                             });
                        });
-                     });
-      });
 }
 
 void ProxySelection::putEach(std::vector<std::pair<std::string, std::string>> steps,
@@ -192,13 +193,12 @@ void ProxySelection::findSelectorGroup(const std::string& name,
                                        std::function<void(std::optional<std::string>)> completion) {
   controller_.httpJSON("GET", controller_.base() + "/proxies", std::nullopt,
                        [name, completion = std::move(completion)](Result<Json> reply) {
-                         if (!reply || !reply.value().is_object() ||
-                             !reply.value().contains("proxies") ||
-                             !reply.value()["proxies"].is_object()) {
+                         const Json* found = proxyTableOf(reply);
+                         if (!found) {
                            completion(std::nullopt);
                            return;
                          }
-                         const Json& table = reply.value()["proxies"];
+                         const Json& table = *found;
                          const std::string selector(kSelectorGroup);
                          if (table.contains(selector) && groupHolds(table[selector], name)) {
                            completion(selector);

@@ -116,10 +116,8 @@ void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
   controller_.httpJSON(
       "GET", controller_.base() + "/proxies", std::nullopt,
       [this, outline, completion = std::move(completion)](Result<Json> reply) mutable {
-        std::optional<std::string> main;
-        if (reply && reply.value().is_object() && reply.value().contains("proxies")) {
-          main = resolveMainGroup(reply.value()["proxies"], outline);
-        }
+        const Json* table = proxyTableOf(reply);
+        const auto main = table ? resolveMainGroup(*table, outline) : std::nullopt;
         probeGroup(main.value_or(std::string(kSelectorGroup)), std::move(completion));
       });
 }

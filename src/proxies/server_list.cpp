@@ -26,6 +26,18 @@ bool isStringArray(const Json& value) {
 
 }  // namespace
 
+const Json* proxyTableOf(const Result<Json>& reply) {
+  if (!reply || !reply.value().is_object()) return nullptr;
+  const auto table = reply.value().find("proxies");
+  return table != reply.value().end() && table->is_object() ? &*table : nullptr;
+}
+
+const Json* proxyEntry(const Json& table, const std::string& name) {
+  if (!table.is_object()) return nullptr;
+  const auto it = table.find(name);
+  return it != table.end() && it->is_object() ? &*it : nullptr;
+}
+
 bool isSelectorEntry(const Json& entry) {
   if (!entry.is_object()) return false;
   const auto type = entry.find("type");

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "base/json.h"
 #include "config/config_outline.h"
 
@@ -24,6 +25,12 @@ ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutli
 
 // "count=N selectors=M" for a table, "nonObject" for anything else.
 std::string proxySummary(const Json& value);
+
+// The proxy table of a `GET /proxies` reply, or none when the reply has no table.
+const Json* proxyTableOf(const Result<Json>& reply);
+
+// The entry of the table under `name`, or none (a missing key is never looked up by []).
+const Json* proxyEntry(const Json& table, const std::string& name);
 
 // Whether an entry is a group the user may switch ("Selector", any letter case).
 bool isSelectorEntry(const Json& entry);

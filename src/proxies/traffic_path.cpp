@@ -20,18 +20,13 @@ constexpr std::array<std::string_view, 10> kNotANode = {
     "Selector", "URLTest", "Fallback",   "LoadBalance", "Relay",
     "Direct",   "Reject",  "RejectDrop", "Compatible",  "Pass"};
 
-const Json* entryOf(const Json& table, const std::string& name) {
-  const auto it = table.find(name);
-  return it != table.end() && it->is_object() ? &*it : nullptr;
-}
-
 bool isSelector(const Json& table, const std::string& name) {
-  const Json* entry = entryOf(table, name);
+  const Json* entry = proxyEntry(table, name);
   return entry != nullptr && isSelectorEntry(*entry);
 }
 
 bool isNode(const Json& table, const std::string& name) {
-  const Json* entry = entryOf(table, name);
+  const Json* entry = proxyEntry(table, name);
   if (entry == nullptr) return false;
   const auto type = entry->find("type");
   if (type == entry->end() || !type->is_string()) return false;
@@ -44,7 +39,7 @@ bool isNode(const Json& table, const std::string& name) {
 
 // The member list of a group entry, or none.
 const Json::array_t* membersOf(const Json& table, const std::string& name) {
-  const Json* entry = entryOf(table, name);
+  const Json* entry = proxyEntry(table, name);
   if (entry == nullptr) return nullptr;
   const auto all = entry->find("all");
   return all != entry->end() && all->is_array() ? &all->get_ref<const Json::array_t&>() : nullptr;
