@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -15,10 +16,15 @@ std::error_code lastError() {
   return {errno, std::generic_category()};
 }
 
+constexpr std::string_view kTemporaryInfix = ".tmp-";
+constexpr std::size_t kTemporarySuffixLength = 6;  // the XXXXXX that mkstemp fills in
+
 }  // namespace
 
 std::error_code writeFileAtomic(const std::filesystem::path& path, std::string_view bytes) {
-  std::string tmpl = (path.parent_path() / ("." + path.filename().string() + ".tmp-XXXXXX"));
+  std::string tmpl = (path.parent_path() / ("." + path.filename().string() +
+                                            std::string(kTemporaryInfix) +
+                                            std::string(kTemporarySuffixLength, 'X')));
   const int fd = ::mkstemp(tmpl.data());
   if (fd < 0) return lastError();
   std::size_t written = 0;
@@ -64,6 +70,16 @@ bool itemExists(const std::filesystem::path& path) {
 
 std::string describe(const std::error_code& ec, const std::filesystem::path& path) {
   return ec.message() + ": " + path.string();
+}
+
+bool isAtomicWriteLeftover(std::string_view name) {
+  const std::size_t tail = kTemporaryInfix.size() + kTemporarySuffixLength;
+  if (name.size() <= tail + 1 || name.front() != '.') return false;
+  if (name.substr(name.size() - tail, kTemporaryInfix.size()) != kTemporaryInfix) return false;
+  for (const char c : name.substr(name.size() - kTemporarySuffixLength)) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+  }
+  return true;
 }
 
 }  // namespace qev::base

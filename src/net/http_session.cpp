@@ -130,6 +130,14 @@ std::string originOf(const std::string& url) {
 
 }  // namespace
 
+bool isBodyTooLarge(const BridgeError& error) {
+  return error.domain == "System" && error.description == kBodyTooLarge;
+}
+
+std::string describeMebibytes(std::size_t bytes) {
+  return std::to_string(bytes >> 20) + " MiB";
+}
+
 std::string reasonPhrase(long status) {
   static const std::unordered_map<long, std::string_view> kPhrases = {
       {100, "Continue"},

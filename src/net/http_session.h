@@ -34,6 +34,9 @@ struct HttpResponse {
 
 // The description of the failure of a transfer whose body passed its `maxBodyBytes`.
 inline constexpr std::string_view kBodyTooLarge = "response body too large";
+bool isBodyTooLarge(const BridgeError& error);
+// A size limit as users read it: "16 MiB".
+std::string describeMebibytes(std::size_t bytes);
 
 // A transport failure arrives as a BridgeError whose description is the transport's text.
 using HttpCompletion = std::function<void(Result<HttpResponse>)>;

@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::string_view kLoginPath = "/api/v1/passport/auth/login";
 constexpr std::string_view kUsageReportReply = "{\"data\":true}";
+// The page holds every answer whole, as a string; nothing it asks for legitimately comes close.
+constexpr std::size_t kMaxRelayBodyBytes = 16u << 20;
 
 bool isControllerConfigWrite(const net::HttpRequest& request, const net::Url& url) {
   return isLoopbackHost(url.host) && url.path == "/configs" &&
@@ -60,6 +62,7 @@ void HttpRelay::nativeHttpRequest(const Json& args, ResolveReply resolve, Reject
   }
 
   request.url = transportSafeURL(rewriteLocalControllerURL(request.url));
+  request.maxBodyBytes = kMaxRelayBodyBytes;
   const auto sent = net::parseUrl(request.url);
   const bool configWrite = sent && isControllerConfigWrite(request, *sent);
   if (configWrite) rememberModeChange(request);
@@ -100,6 +103,11 @@ void HttpRelay::complete(const net::HttpRequest& request, bool closeConnectionsA
   if (!outcome) {
     const auto& error = outcome.error();
     log_.message("native.http.error: " + redactedUrl + " " + error.description);
+    if (net::isBodyTooLarge(error)) {
+      reject(BridgeError::system(
+          "response larger than " + net::describeMebibytes(kMaxRelayBodyBytes), error.code));
+      return;
+    }
     if (isOSSConfigRequest(request.url)) {
       resolve(replyRecord(503, "Service Unavailable", Json{{"Content-Type", "text/plain"}},
                           utf8Text(error.description)));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -130,20 +131,21 @@ Result<net::HttpRequest> requestFromRecord(const Json* record) {
 }
 
 Json replyHeaders(const net::HeaderList& headers) {
-  Json out = Json::object();
-  std::vector<std::pair<std::string, std::string>> byLowerName;  // lower-cased -> first spelling
+  // Values are joined in place and names found by hash, so many repeats stay linear.
+  std::vector<std::pair<const std::string*, std::string>> joined;  // first spelling, value
+  std::unordered_map<std::string, std::size_t> indexByLowerName;
   for (const auto& [name, value] : headers) {
-    const auto lower = base::toLowerAscii(name);
-    auto known = std::find_if(byLowerName.begin(), byLowerName.end(),
-                              [&](const auto& entry) { return entry.first == lower; });
-    if (known == byLowerName.end()) {
-      byLowerName.emplace_back(lower, name);
-      out[name] = utf8Text(value);
+    const auto [it, added] = indexByLowerName.try_emplace(base::toLowerAscii(name), joined.size());
+    if (added) {
+      joined.emplace_back(&name, utf8Text(value));
     } else {
-      auto& joined = out[known->second];
-      joined = joined.get<std::string>() + ", " + utf8Text(value);
+      auto& text = joined[it->second].second;
+      text += ", ";
+      text += utf8Text(value);
     }
   }
+  Json out = Json::object();
+  for (auto& [name, value] : joined) out[*name] = std::move(value);
   return out;
 }
 

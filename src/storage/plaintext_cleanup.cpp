@@ -78,7 +78,8 @@ void PlaintextCleanup::cleanupLegacyPlaintextArtifacts() const {
     const std::string name = child.path.filename().string();
     if (child.isDirectory && isBackupFolderName(name)) {
       removeItem(child.path);
-    } else if (isPlaintextLeftoverName(name)) {
+    } else if (isPlaintextLeftoverName(name) ||
+               (!child.isDirectory && base::isAtomicWriteLeftover(name))) {
       removeItem(child.path);
     }
   }

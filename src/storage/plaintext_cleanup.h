@@ -20,7 +20,8 @@ class PlaintextCleanup {
   void migratePlaintextConfigsIfNeeded() const;
   // Removes the plaintext copies written for the core; thread-safe, idempotent.
   void removeRuntimePlaintextConfigs() const;
-  // Removes backup folders, plain YAML leftovers and test copies of older versions.
+  // Removes backup folders, plain YAML leftovers, test copies of older versions and the
+  // temporary files of atomic writes that a crash interrupted (they may hold a plain copy).
   void cleanupLegacyPlaintextArtifacts() const;
   // Restricts credential and log files of every version to 0600, without reading them.
   void protectLegacySensitiveFiles() const;

@@ -77,6 +77,7 @@ Json SettingsStore::defaultSettings() const {
 }
 
 void SettingsStore::ensureLocalSettings() const {
+  std::lock_guard lock(writeMutex_);
   const Json defaults = defaultSettings();
   auto stored = readStoredObject(paths_.settings);
   if (!stored) {
@@ -117,6 +118,7 @@ Json SettingsStore::readSettings() const {
 }
 
 std::error_code SettingsStore::update(const std::function<void(Json&)>& change) const {
+  std::lock_guard lock(writeMutex_);
   Json object = readSettings();
   change(object);
   return writeJSON(object, paths_.settings);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <system_error>
 
@@ -28,7 +29,8 @@ class SettingsStore {
   // The stored object completed with defaults, "mode" normalised, "autoLaunch" from the file
   // system. Never fails: an unreadable or malformed file reads as the defaults.
   Json readSettings() const;
-  // readSettings(), change(object), writeJSON to the settings file.
+  // readSettings(), change(object), writeJSON to the settings file, all under one lock so that
+  // concurrent writers never undo each other's change.
   std::error_code update(const std::function<void(Json&)>& change) const;
 
   // Sets "proxyEnabled"; logs "native.proxyEnabled.save.error: ..." on failure.
@@ -42,6 +44,7 @@ class SettingsStore {
   const Paths& paths_;
   const SelectionMemory& selection_;
   const base::Logger& log_;
+  mutable std::mutex writeMutex_;  // every read-modify-write of the settings file
 };
 
 }  // namespace qev::storage

@@ -92,8 +92,8 @@ void ConfigCommands::download(const std::string& url, Resolve resolve, Reject re
   request.maxBodyBytes = kMaxSubscriptionBytes;
   deps_.session.send(std::move(request), [this, resolve, reject](Result<net::HttpResponse> reply) {
     if (!reply) {
-      if (reply.error().description == net::kBodyTooLarge) {
-        rejectInvalid("larger than 32 MiB", reject);
+      if (net::isBodyTooLarge(reply.error())) {
+        rejectInvalid("larger than " + net::describeMebibytes(kMaxSubscriptionBytes), reject);
       } else {
         reject(reply.error());
       }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <chrono>
 #include <future>
@@ -175,6 +176,20 @@ TEST_F(RelayHttpTest, FailuresPassThroughWithStatusHeadersAndBody) {
   EXPECT_EQ((*missing.reply)["statusText"], "Not Found");
   EXPECT_EQ((*missing.reply)["body"], "Not Found");
   EXPECT_EQ((*missing.reply)["headers"]["Content-Type"], "text/html; charset=UTF-8");
+}
+
+TEST_F(RelayHttpTest, AnswersOverSixteenMebibytesAreRefusedClearly) {
+  httplib::Server site;
+  site.Get("/big", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content(std::string((16u << 20) + 1, 'x'), "text/plain");
+  });
+  const int port = site.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { site.listen_after_bind(); });
+  const Outcome outcome = request({{"url", "http://127.0.0.1:" + std::to_string(port) + "/big"}});
+  site.stop();
+  serving.join();
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->description, "response larger than 16 MiB");
 }
 
 TEST_F(RelayHttpTest, ResponseHeadersReachThePageAndTokensStayOutOfTheLog) {

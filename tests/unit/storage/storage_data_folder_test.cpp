@@ -116,6 +116,12 @@ TEST_P(StorageDataFolderTest, LeftoverRules) {
       {"Country.mmdb", false, true},
       {"qevjs-local.json", false, true},
       {".qevjs-subscribe.dat", false, true},
+      // temporary files of interrupted atomic writes
+      {".qevjs-subscribe.dat.tmp-a1B2c3", false, false},
+      {".qevjs-local.json.tmp-XyZ789", false, false},
+      {".qevjs-local.json.tmp-abc", false, true},
+      {"qevjs-local.json.tmp-abc123", false, true},
+      {".cache.tmp-abc123", true, true},
   };
   for (const auto& item : items) {
     writeText(item.folder ? current(item.name) / "inside.yaml" : current(item.name), "x");

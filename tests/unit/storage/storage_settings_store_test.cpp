@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "recording_logger.h"
@@ -112,6 +113,24 @@ TEST_P(StorageSettingsTest, WriteFailuresAreReportedNotThrown) {
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_TRUE(messages[0].starts_with("native.proxyEnabled.save.error: ")) << messages[0];
   EXPECT_TRUE(store.update([](Json& s) { s["tun"] = true; }));
+}
+
+TEST_P(StorageSettingsTest, ConcurrentWritersLoseNoUpdate) {
+  store.ensureLocalSettings();
+  constexpr int kWriters = 6;
+  constexpr int kRounds = 25;
+  std::vector<std::thread> writers;
+  for (int w = 0; w < kWriters; ++w) {
+    writers.emplace_back([this, w] {
+      const std::string key = "counter" + std::to_string(w);
+      for (int round = 0; round < kRounds; ++round) {
+        (void)store.update([&](Json& s) { s[key] = s.value(key, 0) + 1; });
+      }
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  const Json file = fileJson();
+  for (int w = 0; w < kWriters; ++w) EXPECT_EQ(file.value("counter" + std::to_string(w), 0), kRounds);
 }
 
 INSTANTIATE_TEST_SUITE_P(Profiles, StorageSettingsTest,
