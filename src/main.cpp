@@ -1,7 +1,9 @@
 #include <cstring>
 #include <iostream>
 
+#include "app/guard_mode.h"
 #include "app/headless/headless_shell.h"
+#include "guard/crash_guard.h"
 #include "storage/profile.h"
 
 #ifdef QEV_HAVE_GTK
@@ -11,6 +13,9 @@
 int main(int argc, char** argv) {
   const auto environment = qev::storage::Environment::fromProcess();
   for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], qev::guard::kGuardArgument) == 0) {
+      return qev::app::runGuardMode(environment);
+    }
     if (std::strcmp(argv[i], "--headless") == 0) {
       return qev::app::runHeadless(std::cin, std::cout, std::cerr, environment);
     }

@@ -9,6 +9,7 @@
 #include "base/constants.h"
 #include "base/redaction.h"
 #include "bridge/literals.h"
+#include "net/port_probe.h"
 #include "qev/deployment.h"
 #include "relay/api_base.h"
 #include "storage/data_folder.h"
@@ -18,6 +19,9 @@ namespace {
 
 constexpr std::string_view kBridgeChannel = "nativeBridge";
 constexpr std::string_view kLogChannel = "nativeLog";
+// How long quitting waits for a running system-proxy switch before switching off itself.
+constexpr std::chrono::seconds kShutdownSwitchLimit{5};
+constexpr std::chrono::milliseconds kPortProbeTimeout{500};
 
 // The panel base a self-hosted deployment or a test sets; read once, at start-up.
 std::optional<std::string> apiBaseOverride() {
@@ -68,9 +72,22 @@ void NativeBridge::buildCoreParts() {
       [this] { return settings_.readTunSetting(); },
       [this] { return tunRollback_.tunAdminAuthorizationFailed(); },
       [this] { tunRollback_.rollbackTunAfterAdminFailure(); },
+      [this] { watchdog_->coreExited(); },
   };
   supervisor_ = std::make_unique<core::MihomoSupervisor>(profile_, log_, systemLog_, executors_,
                                                          readiness_, controller_, std::move(hooks));
+  watchdog_ = std::make_unique<core::CoreWatchdog>(
+      core::WatchdogHooks{
+          [this] { return systemProxy_->isSystemProxyDesired(); },
+          [this](std::string reason, BoolCompletion done) {
+            supervisor_->restartMihomoSerialized(reason, std::move(done));
+          },
+          [this] { proxySelection_->reapplyLastSelectedProxyIfNeeded([] {}); },
+          [this] {
+            systemProxy_->suspend("coreStopped");
+            pushEvent("proxyState", {{"connected", false}, {"reason", "coreStopped"}});
+          }},
+      log_);
   auto ensureCore = [this](BoolCompletion done) {
     supervisor_->ensureMihomoRunning(std::move(done));
   };
@@ -249,15 +266,27 @@ void NativeBridge::deliver(Answer answer) {
   if (auto sink = sink_.lock()) sink->deliver(answer);
 }
 
+void NativeBridge::pushEvent(std::string name, Json payload) {
+  Event event{std::move(name), std::move(payload), {}};
+  event.statement = "window.__nativeBridgeEvent && window.__nativeBridgeEvent(" +
+                    jsonLiteral(event.name) + ", " + jsonLiteral(event.payload) + ");";
+  seams_.mainQueue->post([this, event = std::move(event)] {
+    if (auto sink = sink_.lock()) sink->push(event);
+  });
+}
+
 void NativeBridge::restoreProxyIfNeeded() {
+  systemProxy_->repairIfStale([] {
+    return net::acceptsConnections(std::string(kProxyHost), kHttpProxyPort, kPortProbeTimeout);
+  });
   proxySwitch_->restoreProxyIfNeeded();
 }
 
 void NativeBridge::shutdown() {
   if (shutDown_.exchange(true)) return;
-  // Quitting leaves the proxy off, at the next launch too.
-  systemProxy_->switchOffForShutdown();
-  supervisor_->terminate();
+  // Off first, behind any switch already running, so that the desktop ends on "off".
+  systemProxy_->shutdown(kShutdownSwitchLimit);
+  supervisor_->stopForShutdown();
   supervisor_->killStaleMihomo();
   // No plaintext configuration outlives the run that wrote it.
   plaintextCleanup_.removeRuntimePlaintextConfigs();

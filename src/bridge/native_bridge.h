@@ -13,6 +13,7 @@
 #include "bridge/diagnostic_log.h"
 #include "controller/controller_client.h"
 #include "core/controller_readiness.h"
+#include "core/core_watchdog.h"
 #include "core/mihomo_supervisor.h"
 #include "core/runtime_config.h"
 #include "core/tun_mode.h"
@@ -44,12 +45,20 @@ struct Answer {
   std::string statement;
 };
 
+// News the native side tells the page unasked, with the statement that delivers it.
+struct Event {
+  std::string name;
+  Json payload;
+  std::string statement;
+};
+
 // The web view, or whatever stands in for it. The bridge holds it weakly: with no sink, answers
-// are dropped.
+// and events are dropped.
 class AnswerSink {
  public:
   virtual ~AnswerSink() = default;
   virtual void deliver(const Answer& answer) = 0;  // called on the main queue only
+  virtual void push(const Event& event) = 0;       // called on the main queue only
 };
 
 // What each shell provides.
@@ -78,7 +87,10 @@ class NativeBridge {
   void resolve(const std::string& id, const Json& result);
   void reject(const std::string& id, const std::string& message);
 
-  // Re-applies the system proxy when the user left it on; returns at once.
+  // Tells the page `name` with `payload`; any thread.
+  void pushEvent(std::string name, Json payload);
+  // Clears a system proxy left pointing at a dead port, then re-applies it when the user left
+  // it on; returns at once.
   void restoreProxyIfNeeded();
   // Returns the machine to a clean state; runs once, later calls do nothing.
   void shutdown();
@@ -125,6 +137,7 @@ class NativeBridge {
   core::TunRollback tunRollback_;
   core::ControllerReadiness readiness_;
   std::unique_ptr<core::MihomoSupervisor> supervisor_;
+  std::unique_ptr<core::CoreWatchdog> watchdog_;  // restarts a core that died while connected
   // Proxy selection, configuration commands and TUN switching (they need the system proxy).
   std::unique_ptr<proxies::ProxySelection> proxySelection_;
   std::unique_ptr<proxies::RuntimeSettings> runtimeSettings_;

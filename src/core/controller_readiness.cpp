@@ -36,25 +36,28 @@ void ControllerReadiness::isControllerReady(std::function<void(bool)> completion
 }
 
 void ControllerReadiness::waitForController(std::chrono::milliseconds budget,
-                                            std::function<void(bool)> completion) {
-  poll(std::chrono::system_clock::now() + budget, std::move(completion));
+                                            std::function<void(bool)> completion,
+                                            std::function<bool()> hopeless) {
+  poll(std::chrono::system_clock::now() + budget, std::move(completion), std::move(hopeless));
 }
 
 void ControllerReadiness::poll(std::chrono::system_clock::time_point deadline,
-                               std::function<void(bool)> completion) {
-  isControllerReady([this, deadline, completion = std::move(completion)](bool ready) mutable {
+                               std::function<void(bool)> completion,
+                               std::function<bool()> hopeless) {
+  isControllerReady([this, deadline, completion = std::move(completion),
+                     hopeless = std::move(hopeless)](bool ready) mutable {
     if (ready) {
       completion(true);
       return;
     }
-    if (std::chrono::system_clock::now() >= deadline) {
+    if (std::chrono::system_clock::now() >= deadline || (hopeless && hopeless())) {
       completion(false);
       return;
     }
-    executors_.postAfter(timings_.pollInterval,
-                         [this, deadline, completion = std::move(completion)]() mutable {
-                           poll(deadline, std::move(completion));
-                         });
+    executors_.postAfter(timings_.pollInterval, [this, deadline, completion = std::move(completion),
+                                                 hopeless = std::move(hopeless)]() mutable {
+      poll(deadline, std::move(completion), std::move(hopeless));
+    });
   });
 }
 

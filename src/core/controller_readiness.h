@@ -25,13 +25,16 @@ class ControllerReadiness {
   // One GET of "/"; any HTTP answer (a 404 too) proves the core listens.
   void isControllerReady(std::function<void(bool)> completion);
   // Probes until an answer or until `budget` has passed on the wall clock; the final probe is
-  // made before the deadline is tested, so a wait can overrun by one probe.
-  void waitForController(std::chrono::milliseconds budget, std::function<void(bool)> completion);
+  // made before the deadline is tested, so a wait can overrun by one probe. A wait ends early,
+  // with false, once `hopeless` holds (the core it waits for has exited).
+  void waitForController(std::chrono::milliseconds budget, std::function<void(bool)> completion,
+                         std::function<bool()> hopeless = {});
   // PUT /configs with the fixed HTTP and SOCKS ports; completes once, whatever the outcome.
   void ensureProxyPorts(std::function<void()> completion);
 
  private:
-  void poll(std::chrono::system_clock::time_point deadline, std::function<void(bool)> completion);
+  void poll(std::chrono::system_clock::time_point deadline, std::function<void(bool)> completion,
+            std::function<bool()> hopeless);
 
   net::HttpSession& session_;
   controller::ControllerClient& controller_;

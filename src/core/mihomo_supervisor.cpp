@@ -65,7 +65,9 @@ bool isExecutableFile(const std::filesystem::path& path) {
 
 struct MihomoSupervisor::Child {
   pid_t pid = -1;
-  bool reaped = false;  // guarded by childMutex_; once true the pid may belong to someone else
+  bool reaped = false;       // guarded by childMutex_; once true the pid may belong to someone else
+  bool stoppedByUs = false;  // guarded by childMutex_: a sweep or shutdown ends it, not a fault
+  std::shared_ptr<std::atomic<bool>> exited = std::make_shared<std::atomic<bool>>(false);
 };
 
 std::string pkillPath(storage::Platform platform) {
@@ -117,49 +119,65 @@ MihomoSupervisor::~MihomoSupervisor() {
   }
 }
 
-void MihomoSupervisor::killStaleMihomo() const {
-  const std::string pkill = pkillPath(profile_.platform);
+void sweepStaleCores(const storage::Profile& profile, std::chrono::milliseconds pause) {
+  const std::string pkill = pkillPath(profile.platform);
   // Only this user's processes: another user's core (or root's) is never ours to end.
   const std::string uid = std::to_string(::getuid());
-  for (const auto& pattern : profile_.staleCorePatterns) {
+  for (const auto& pattern : profile.staleCorePatterns) {
     process::runProcess(pkill, {"-U", uid, "-f", pattern});
   }
-  std::this_thread::sleep_for(timings_.stalePause);
-  for (const auto& pattern : profile_.staleCorePatterns) {
+  std::this_thread::sleep_for(pause);
+  for (const auto& pattern : profile.staleCorePatterns) {
     process::runProcess(pkill, {"-9", "-U", uid, "-f", pattern});
   }
 }
 
-void MihomoSupervisor::restartMihomo() {
+void MihomoSupervisor::killStaleMihomo() const {
+  sweepStaleCores(profile_, timings_.stalePause);
+}
+
+bool MihomoSupervisor::restartMihomo(std::shared_ptr<std::atomic<bool>>* exited) {
+  {
+    std::lock_guard lock(childMutex_);
+    if (shuttingDown_) return false;
+    // The sweep below ends the current core on purpose.
+    if (child_) child_->stoppedByUs = true;
+  }
   killStaleMihomo();
   const auto launcher = profile_.paths.libs / "clash";
   if (!base::itemExists(launcher)) {
     log_.message("native.mihomo.missingLauncher: " + launcher.string());
-    return;
+    return false;
   }
   if (hooks_.ensureGeoDataFiles) hooks_.ensureGeoDataFiles();
   // Every core gets a secret of its own, written only into the short-lived runtime file.
   if (!controller_.renewSecret()) {
     log_.message("native.mihomo.noSecret");
-    return;
+    return false;
   }
   if (!hooks_.prepareRuntimeConfigFile || !hooks_.prepareRuntimeConfigFile()) {
     log_.message("native.mihomo.missingConfig");
-    return;
+    return false;
   }
-  auto spawned = process::spawnWithErrorPipe(
-      launcher.string(),
-      {"-d", profile_.paths.appSupport.string(), "-f", profile_.paths.configYaml.string()});
-  if (!spawned) {
-    systemLog_.message("failed to start mihomo: " + spawned.error().description);
-    log_.message("native.mihomo.start.error: " + spawned.error().description);
-    return;
-  }
-  const process::ErrorPipedChild launched = spawned.value();
   auto child = std::make_shared<Child>();
-  child->pid = launched.pid;
   {
+    // Launching under the lock: a shutdown either comes first and no core starts, or comes
+    // after and finds this core to stop.
     std::lock_guard lock(childMutex_);
+    if (shuttingDown_) {
+      if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
+      return false;
+    }
+    auto spawned = process::spawnWithErrorPipe(
+        launcher.string(),
+        {"-d", profile_.paths.appSupport.string(), "-f", profile_.paths.configYaml.string()});
+    if (!spawned) {
+      systemLog_.message("failed to start mihomo: " + spawned.error().description);
+      log_.message("native.mihomo.start.error: " + spawned.error().description);
+      return false;
+    }
+    const process::ErrorPipedChild launched = spawned.value();
+    child->pid = launched.pid;
     child_ = child;
     // Threads of cores that already ended are joined here, so they do not pile up.
     std::erase_if(watchers_, [](Watcher& watcher) {
@@ -178,7 +196,9 @@ void MihomoSupervisor::restartMihomo() {
                            done});
     }
   }
-  log_.message("native.mihomo.started: " + std::to_string(launched.pid));
+  log_.message("native.mihomo.started: " + std::to_string(child->pid));
+  if (exited) *exited = child->exited;
+  return true;
 }
 
 void MihomoSupervisor::watch(std::shared_ptr<Child> child, int errorPipe) {
@@ -215,26 +235,40 @@ void MihomoSupervisor::watch(std::shared_ptr<Child> child, int errorPipe) {
     if (hasExited(child->pid)) {
       if (pipeOpen) readPipe();
       exited = true;
+      child->exited->store(true);
     }
   }
   ::close(errorPipe);
 
   int waitStatus = 0;
+  bool unexpected = false;
   {
     std::lock_guard lock(childMutex_);
     while (::waitpid(child->pid, &waitStatus, 0) < 0 && errno == EINTR) {
     }
     child->reaped = true;
+    unexpected = !child->stoppedByUs && !shuttingDown_ && !closing_ && child == child_;
   }
   if (text.size() >= kMaxErrorBytes) trimPartialSequence(text);
   if (!base::isValidUtf8(text)) text.clear();
   log_.message("native.mihomo.exit: status=" + std::to_string(terminationStatus(waitStatus)) + " " +
                base::truncateGraphemes(text, kExitTextCharacters));
+  if (unexpected) {
+    // A core that fails while a restart waits for it is that restart's outcome, not news.
+    std::unique_lock lock(restartMutex_);
+    const bool restarting = restartInProgress_;
+    lock.unlock();
+    if (!restarting && hooks_.coreExitedUnexpectedly) hooks_.coreExitedUnexpectedly();
+  }
 }
 
-void MihomoSupervisor::terminate() {
+void MihomoSupervisor::stopForShutdown() {
   std::lock_guard lock(childMutex_);
-  if (child_ && !child_->reaped) ::kill(child_->pid, SIGTERM);
+  shuttingDown_ = true;
+  if (child_ && !child_->reaped) {
+    child_->stoppedByUs = true;
+    ::kill(child_->pid, SIGTERM);
+  }
 }
 
 void MihomoSupervisor::restartMihomoSerialized(const std::string& reason, Completion completion) {
@@ -257,18 +291,27 @@ void MihomoSupervisor::restartMihomoSerialized(const std::string& reason, Comple
   log_.message("native.mihomo." + reason);
   // The sweep sleeps and the launch blocks: both run on the pool, never on the caller.
   executors_.post([this] {
-    restartMihomo();
-    readiness_.waitForController(timings_.startWait, [this](bool ready) {
-      if (!ready) {
-        if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
-        finishRestart(false);
-        return;
-      }
-      readiness_.ensureProxyPorts([this] {
-        if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
-        finishRestart(true);
-      });
-    });
+    std::shared_ptr<std::atomic<bool>> exited;
+    if (!restartMihomo(&exited)) {
+      // Nothing was launched, so nothing can answer: no point in waiting out the budget.
+      if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
+      finishRestart(false);
+      return;
+    }
+    readiness_.waitForController(
+        timings_.startWait,
+        [this](bool ready) {
+          if (!ready) {
+            if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
+            finishRestart(false);
+            return;
+          }
+          readiness_.ensureProxyPorts([this] {
+            if (hooks_.removeRuntimePlaintextConfigs) hooks_.removeRuntimePlaintextConfigs();
+            finishRestart(true);
+          });
+        },
+        [this, exited] { return exited->load() || shuttingDown_.load(); });
   });
 }
 

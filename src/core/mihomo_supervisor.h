@@ -27,6 +27,9 @@ struct CoreHooks {
   std::function<bool()> readTunSetting;
   std::function<bool()> tunAdminAuthorizationFailed;
   std::function<void()> rollbackTunAfterAdminFailure;
+  // The current core ended on its own: not stopped by qev, not during a restart. Runs on the
+  // core's watcher thread.
+  std::function<void()> coreExitedUnexpectedly;
 };
 
 struct SupervisorTimings {
@@ -37,6 +40,9 @@ struct SupervisorTimings {
 
 // The pkill to sweep stray cores with: /usr/bin/pkill on macOS, the one on PATH elsewhere.
 std::string pkillPath(storage::Platform platform);
+
+// pkill -f each stale-core pattern of this user, a pause, then pkill -9 -f each. Blocking.
+void sweepStaleCores(const storage::Profile& profile, std::chrono::milliseconds pause);
 
 // Runs the proxy core as a child process: sweeps stale copies, launches it through the libs
 // folder's launcher, logs its exit, and joins concurrent restart requests into one.
@@ -56,8 +62,9 @@ class MihomoSupervisor {
 
   // pkill -f each stale-core pattern, a pause, then pkill -9 -f each. Blocking.
   void killStaleMihomo() const;
-  // Sweep, then launch a new core. Blocking; never on the main thread.
-  void restartMihomo();
+  // Sweep, then launch a new core. Blocking; never on the main thread. Returns whether a core
+  // was launched; `exited` then receives the flag that tells whether it has ended since.
+  bool restartMihomo(std::shared_ptr<std::atomic<bool>>* exited = nullptr);
   // Restarts the core and reports whether its controller answered in time; requests made while
   // a restart runs join it and receive its outcome. Returns at once.
   void restartMihomoSerialized(const std::string& reason, Completion completion);
@@ -65,8 +72,9 @@ class MihomoSupervisor {
   void ensureMihomoRunning(Completion completion);
   // Makes the core take up a newly written configuration: reload, or restart.
   void reloadOrRestartMihomo(Completion completion);
-  // SIGTERM to the launched core, if it still runs; does not wait.
-  void terminate();
+  // For quitting: no core is launched or restarted from now on, and the launched core, if it
+  // still runs, gets SIGTERM (no wait). Restarts in flight finish with false.
+  void stopForShutdown();
 
   // Whether the core was restarted once in this run with TUN on; TUN switching resets it.
   void setTunRuntimeEnsured(bool value) { tunRuntimeEnsured_ = value; }
@@ -100,7 +108,8 @@ class MihomoSupervisor {
   std::shared_ptr<Child> child_;   // the most recently launched core
   std::vector<Watcher> watchers_;  // one per launch, joined once their core ended
   bool closing_ = false;
-  int wakePipe_[2] = {-1, -1};  // written once at destruction to release the watchers
+  std::atomic<bool> shuttingDown_{false};  // set under childMutex_, read anywhere
+  int wakePipe_[2] = {-1, -1};             // written once at destruction to release the watchers
 };
 
 }  // namespace qev::core

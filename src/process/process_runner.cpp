@@ -2,13 +2,19 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#ifdef __linux__
+#include <linux/close_range.h>
+#include <sys/prctl.h>
+#endif
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <vector>
 
 #include "base/utf8.h"
 
@@ -111,30 +117,99 @@ struct Spawned {
   int error = 0;
 };
 
-// Starts `path` with stdin on /dev/null and stdout/stderr on the given descriptors (or
-// /dev/null when negative). Every other descriptor of this process stays out of the child.
-Spawned spawn(const std::string& path, const std::vector<std::string>& arguments, int outFd,
-              int errFd) {
+// How a child's standard descriptors and its ties to this process are set up.
+struct ChildSetup {
+  int inFd = -1;  // each -1 stands for /dev/null
+  int outFd = -1;
+  int errFd = -1;
+  bool newSession = false;     // out of this process group, so signals sent to it miss the child
+  bool endWithParent = false;  // Linux: the child is killed when this process ends
+};
+
+std::vector<char*> argumentVector(const std::string& path,
+                                  const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  argv.reserve(arguments.size() + 2);
+  argv.push_back(const_cast<char*>(path.c_str()));
+  for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  return argv;
+}
+
+#ifdef __linux__
+// posix_spawn cannot ask for a parent-death signal, so this child is forked by hand. Between
+// fork and exec only async-signal-safe calls run; an exec failure comes back through a pipe.
+Spawned forkWithParentDeathSignal(const std::string& path, std::vector<char*>& argv,
+                                  const ChildSetup& setup) {
+  auto report = makePipe();
+  Fd devNull(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (!report || !devNull.valid()) return {-1, errno};
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid < 0) return {-1, errno};
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);  // the parent ended before the signal was armed
+    const int standard[3] = {setup.inFd, setup.outFd, setup.errFd};
+    for (int target = 0; target < 3; ++target) {
+      if (::dup2(standard[target] >= 0 ? standard[target] : devNull.get(), target) < 0) {
+        ::_exit(127);
+      }
+    }
+    // Everything else closes at exec, the report pipe included.
+    if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+      for (int fd = 3; fd < 4096; ++fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+    struct sigaction defaults {};
+    defaults.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &defaults, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::execve(path.c_str(), argv.data(), environ);
+    const int error = errno;
+    (void)!::write(report->write.get(), &error, sizeof error);
+    ::_exit(127);
+  }
+  report->write.reset();
+  int error = 0;
+  ssize_t n;
+  while ((n = ::read(report->read.get(), &error, sizeof error)) < 0 && errno == EINTR) {
+  }
+  if (n == static_cast<ssize_t>(sizeof error)) {
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return {-1, error};
+  }
+  return {pid, 0};
+}
+#endif
+
+// Starts `path` with the standard descriptors of `setup`. Every other descriptor of this
+// process stays out of the child.
+Spawned spawn(const std::string& path, const std::vector<std::string>& arguments,
+              const ChildSetup& setup) {
+  std::vector<char*> argv = argumentVector(path, arguments);
+#ifdef __linux__
+  if (setup.endWithParent) return forkWithParentDeathSignal(path, argv, setup);
+#endif
   FileActions actions;
   SpawnAttributes attributes;
   if (!actions.ok() || !attributes.ok()) return {-1, ENOMEM};
-  int rc =
-      ::posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  if (rc == 0) {
-    rc = outFd >= 0 ? ::posix_spawn_file_actions_adddup2(actions.get(), outFd, STDOUT_FILENO)
-                    : ::posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, "/dev/null",
-                                                         O_WRONLY, 0);
-  }
-  if (rc == 0) {
-    rc = errFd >= 0 ? ::posix_spawn_file_actions_adddup2(actions.get(), errFd, STDERR_FILENO)
-                    : ::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, "/dev/null",
-                                                         O_WRONLY, 0);
-  }
+  const auto redirect = [&](int fd, int target, int mode) {
+    return fd >= 0
+               ? ::posix_spawn_file_actions_adddup2(actions.get(), fd, target)
+               : ::posix_spawn_file_actions_addopen(actions.get(), target, "/dev/null", mode, 0);
+  };
+  int rc = redirect(setup.inFd, STDIN_FILENO, O_RDONLY);
+  if (rc == 0) rc = redirect(setup.outFd, STDOUT_FILENO, O_WRONLY);
+  if (rc == 0) rc = redirect(setup.errFd, STDERR_FILENO, O_WRONLY);
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
   // Descriptors opened elsewhere without O_CLOEXEC must not leak into the child either.
   if (rc == 0) rc = ::posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1);
 #endif
   short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (setup.newSession) flags |= POSIX_SPAWN_SETSID;
 #ifdef __APPLE__
   flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
 #endif
@@ -149,12 +224,6 @@ Spawned spawn(const std::string& path, const std::vector<std::string>& arguments
   if (rc == 0) rc = ::posix_spawnattr_setsigmask(attributes.get(), &empty);
   if (rc == 0) rc = ::posix_spawnattr_setsigdefault(attributes.get(), &all);
   if (rc != 0) return {-1, rc};
-
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 2);
-  argv.push_back(const_cast<char*>(path.c_str()));
-  for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
 
   pid_t pid = -1;
   rc = ::posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), argv.data(), environ);
@@ -239,7 +308,7 @@ Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
                                            const std::vector<std::string>& arguments) {
   auto err = makePipe();
   if (!err) return BridgeError::system(errorText(errno, path), errno);
-  const Spawned child = spawn(path, arguments, -1, err->write.get());
+  const Spawned child = spawn(path, arguments, {.errFd = err->write.get(), .endWithParent = true});
   err->write.reset();
   if (child.pid < 0) return BridgeError::system(errorText(child.error, path), child.error);
   return ErrorPipedChild{child.pid, err->read.release()};
@@ -247,7 +316,7 @@ Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
 
 bool runProcess(const std::string& path, const std::vector<std::string>& arguments) {
   // The output does not matter, so it goes to /dev/null: nothing to drain, nothing to block on.
-  const Spawned child = spawn(path, arguments, -1, -1);
+  const Spawned child = spawn(path, arguments, {});
   if (child.pid < 0) return false;
   return exitedCleanly(waitForExit(child.pid));
 }
@@ -256,7 +325,8 @@ ProcessOutput runProcessOutput(const std::string& path, const std::vector<std::s
   auto out = makePipe();
   auto err = makePipe();
   if (!out || !err) return {false, errorText(errno, path)};
-  const Spawned child = spawn(path, arguments, out->write.get(), err->write.get());
+  const Spawned child =
+      spawn(path, arguments, {.outFd = out->write.get(), .errFd = err->write.get()});
   out->write.reset();
   err->write.reset();
   if (child.pid < 0) return {false, errorText(child.error, path)};
@@ -267,6 +337,13 @@ ProcessOutput runProcessOutput(const std::string& path, const std::vector<std::s
   if (!base::isValidUtf8(outText)) outText.clear();
   if (!base::isValidUtf8(errText)) errText.clear();
   return {exitedCleanly(status), outText + errText};
+}
+
+Result<int> spawnInNewSession(const std::string& path, const std::vector<std::string>& arguments,
+                              int inputFd) {
+  const Spawned child = spawn(path, arguments, {.inFd = inputFd, .newSession = true});
+  if (child.pid < 0) return BridgeError::system(errorText(child.error, path), child.error);
+  return child.pid;
 }
 
 }  // namespace qev::process

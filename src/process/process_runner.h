@@ -29,8 +29,16 @@ struct ErrorPipedChild {
   int errorPipe = -1;
 };
 
-// Starts a long-running program such as the proxy core. Fails with the launch error's text.
+// Starts a long-running program such as the proxy core. On Linux the child is killed when this
+// process ends, however it ends (unless the program gains file capabilities, which clears that).
+// Fails with the launch error's text.
 Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
                                            const std::vector<std::string>& arguments);
+
+// Starts a program that must outlive this process and the signals sent to its group: standard
+// input on `inputFd`, output on /dev/null, in a session of its own. Returns its pid; the caller
+// reaps it.
+Result<int> spawnInNewSession(const std::string& path, const std::vector<std::string>& arguments,
+                              int inputFd);
 
 }  // namespace qev::process

@@ -154,6 +154,8 @@ void ProxySwitch::restoreProxyIfNeeded() {
   ensureCore_([this](bool ready) {
     if (!ready) {
       log_.message("native.proxy.restore.noController");
+      // Nothing serves the proxy port: off for now, while the saved wish stays for next time.
+      systemProxy_.suspend("startup.noController");
       return;
     }
     selection_.reapplyLastSelectedProxyIfNeeded([this] {

@@ -49,6 +49,7 @@ void fillDataFiles(Paths& p) {
   p.protectedConfig = p.appSupport / ".qevjs-config.dat";
   p.settings = p.appSupport / "qevjs-local.json";
   p.log = p.appSupport / "native-webview.log";
+  p.instanceLock = p.appSupport / ".qevjs-instance.lock";
 }
 
 }  // namespace

@@ -40,8 +40,9 @@ struct Paths {
   fs::path appBundle;           // what the auto-launch entry starts
   fs::path launchAgent;         // auto-launch file; its existence is the state
   fs::path log;                 // "native-webview.log"
+  fs::path instanceLock;        // ".qevjs-instance.lock", held by the running qev
   fs::path resources;
-  fs::path dist;                // the frontend
+  fs::path dist;  // the frontend
 };
 
 // What differs per platform.

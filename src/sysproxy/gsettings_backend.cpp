@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "base/constants.h"
+#include "base/strings.h"
 #include "process/process_runner.h"
 
 namespace qev::sysproxy {
@@ -94,6 +95,19 @@ void GSettingsBackend::disableSystemProxy() {
   }
   const bool ok = process::runProcess(gsettings->string(), gsettingsDisableCommand());
   log_.message("native.gsettings.disable: ok=" + flag(ok));
+}
+
+bool GSettingsBackend::pointsAtCore() {
+  const auto gsettings = locate();
+  if (!gsettings) return false;
+  const auto value = [&](const std::string& schema, const char* key) {
+    const auto reply = process::runProcessOutput(gsettings->string(), {"get", schema, key});
+    return reply.ok ? std::string(base::trimWhitespace(reply.output)) : std::string();
+  };
+  const std::string schema(kProxySchema);
+  return value(schema, "mode") == quoted("manual") &&
+         value(schema + ".http", "host") == quoted(kProxyHost) &&
+         value(schema + ".http", "port") == std::to_string(kHttpProxyPort);
 }
 
 }  // namespace qev::sysproxy

@@ -30,6 +30,8 @@ class GSettingsBackend : public SystemProxyBackend {
 
   void enableSystemProxy() override;
   void disableSystemProxy() override;
+  // Mode 'manual' with the HTTP proxy at the core's host and port.
+  bool pointsAtCore() override;
 
  private:
   std::optional<std::filesystem::path> locate() const;

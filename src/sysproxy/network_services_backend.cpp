@@ -52,6 +52,23 @@ std::vector<CommandLine> networksetupCommands(const std::string& service, bool e
   };
 }
 
+bool webProxyPointsAtCore(std::string_view getWebProxyOutput) {
+  bool enabled = false;
+  bool ourHost = false;
+  bool ourPort = false;
+  for (const std::string_view piece : base::splitLines(getWebProxyOutput)) {
+    const std::string_view line = base::trimWhitespace(piece);
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) continue;
+    const std::string_view key = base::trimWhitespace(line.substr(0, colon));
+    const std::string_view value = base::trimWhitespace(line.substr(colon + 1));
+    if (key == "Enabled") enabled = value == "Yes";
+    if (key == "Server") ourHost = value == kProxyHost;
+    if (key == "Port") ourPort = value == std::to_string(kHttpProxyPort);
+  }
+  return enabled && ourHost && ourPort;
+}
+
 NetworkServicesBackend::NetworkServicesBackend(const base::Logger& log,
                                                std::filesystem::path helper,
                                                std::filesystem::path networksetup)
@@ -86,6 +103,15 @@ void NetworkServicesBackend::disableSystemProxy() {
     log_.message("native.sysproxy.disable: stop=" + flag(runHelper({"-stop"})));
   }
   setSystemProxyWithNetworksetup(false);
+}
+
+bool NetworkServicesBackend::pointsAtCore() {
+  for (const std::string& service : activeNetworkServices()) {
+    const process::ProcessOutput proxy =
+        process::runProcessOutput(networksetup_.string(), {"-getwebproxy", service});
+    if (proxy.ok && webProxyPointsAtCore(proxy.output)) return true;
+  }
+  return false;
 }
 
 std::vector<std::string> NetworkServicesBackend::activeNetworkServices() {

@@ -22,6 +22,10 @@ std::vector<CommandLine> networksetupCommands(const std::string& service, bool e
 
 // macOS: the optional `sysproxy` helper from the libraries folder, then `networksetup` for every
 // enabled network service. Every command runs even when an earlier one failed.
+// Whether `networksetup -getwebproxy <service>` output shows the web proxy on and pointing at
+// the core's HTTP port.
+bool webProxyPointsAtCore(std::string_view getWebProxyOutput);
+
 class NetworkServicesBackend : public SystemProxyBackend {
  public:
   static constexpr const char* kNetworksetup = "/usr/sbin/networksetup";
@@ -31,6 +35,8 @@ class NetworkServicesBackend : public SystemProxyBackend {
 
   void enableSystemProxy() override;
   void disableSystemProxy() override;
+  // True when any active service's web proxy points at the core.
+  bool pointsAtCore() override;
 
   void setSystemProxyWithNetworksetup(bool enabled);
   // Empty (and logged) when the listing cannot be obtained.

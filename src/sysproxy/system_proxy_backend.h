@@ -14,6 +14,9 @@ class SystemProxyBackend {
   virtual ~SystemProxyBackend() = default;
   virtual void enableSystemProxy() = 0;
   virtual void disableSystemProxy() = 0;
+  // Whether the platform's proxy is on and points at the core's HTTP port: qev's doing, not a
+  // setting of the user's own. Read-only.
+  virtual bool pointsAtCore() = 0;
 };
 
 // The backend of the profile's platform: network services on macOS, gsettings on Linux.

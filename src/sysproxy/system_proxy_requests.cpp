@@ -1,7 +1,9 @@
 #include "sysproxy/system_proxy_requests.h"
 
 #include <cstdlib>
+#include <future>
 #include <limits>
+#include <memory>
 
 namespace qev::sysproxy {
 namespace {
@@ -29,8 +31,9 @@ std::int64_t SystemProxyRequests::nextRevision() {
   return ++systemProxyRevision_;
 }
 
-std::int64_t SystemProxyRequests::recordWish(bool enabled) {
+std::optional<std::int64_t> SystemProxyRequests::recordWish(bool enabled) {
   std::lock_guard lock(stateMutex_);
+  if (closed_) return std::nullopt;
   systemProxyEnabledByApp_ = enabled;
   return nextRevision();
 }
@@ -54,18 +57,34 @@ void SystemProxyRequests::persistInOrder(std::int64_t revision, bool enabled) {
   if (persist_) persist_(enabled);
 }
 
+void SystemProxyRequests::applySwitch(bool enabled) {
+  if (enabled) {
+    backend_->enableSystemProxy();
+  } else {
+    backend_->disableSystemProxy();
+  }
+  appliedOn_ = enabled;
+}
+
 void SystemProxyRequests::requestSystemProxy(bool enabled, std::string reason,
                                              Completion completion) {
-  const std::int64_t revision = recordWish(enabled);
-  persistInOrder(revision, enabled);
+  const auto revision = recordWish(enabled);
+  if (!revision) {
+    // Quitting: whatever is asked now would land after the final switch-off.
+    log_.message("native.systemProxy.refused: " + reason + " (quitting)");
+    if (completion) completion();
+    return;
+  }
+  persistInOrder(*revision, enabled);
+  enqueue(enabled, *revision, std::move(reason), std::move(completion));
+}
+
+void SystemProxyRequests::enqueue(bool enabled, std::int64_t revision, std::string reason,
+                                  Completion completion) {
   applyQueue_->post(
       [this, enabled, revision, reason = std::move(reason), completion = std::move(completion)] {
         if (isCurrent(revision, enabled)) {
-          if (enabled) {
-            backend_->enableSystemProxy();
-          } else {
-            backend_->disableSystemProxy();
-          }
+          applySwitch(enabled);
           log_.message("native.systemProxy.applied: " + describeRequest(reason, enabled, revision));
         } else {
           log_.message("native.systemProxy.skip: " + describeRequest(reason, enabled, revision));
@@ -74,21 +93,65 @@ void SystemProxyRequests::requestSystemProxy(bool enabled, std::string reason,
       });
 }
 
+void SystemProxyRequests::suspend(std::string reason, Completion completion) {
+  std::int64_t revision = 0;
+  {
+    std::lock_guard lock(stateMutex_);
+    if (closed_) {
+      if (completion) completion();
+      return;
+    }
+    systemProxyEnabledByApp_ = false;
+    revision = nextRevision();
+  }
+  enqueue(false, revision, std::move(reason), std::move(completion));
+}
+
+void SystemProxyRequests::repairIfStale(std::function<bool()> coreServes, Completion completion) {
+  applyQueue_->post([this, coreServes = std::move(coreServes), completion = std::move(completion)] {
+    if (backend_->pointsAtCore() && !coreServes()) {
+      applySwitch(false);
+      log_.message("native.systemProxy.repair");
+    }
+    if (completion) completion();
+  });
+}
+
 bool SystemProxyRequests::isSystemProxyDesired() const {
   std::lock_guard lock(stateMutex_);
   return systemProxyEnabledByApp_;
 }
 
-bool SystemProxyRequests::markDisabledForShutdown() {
-  return withdrawWish().has_value();
-}
+bool SystemProxyRequests::shutdown(std::chrono::milliseconds limit) {
+  bool wished = false;
+  std::int64_t revision = 0;
+  {
+    std::lock_guard lock(stateMutex_);
+    closed_ = true;
+    wished = systemProxyEnabledByApp_;
+    systemProxyEnabledByApp_ = false;
+    revision = nextRevision();  // outdates every switch still queued
+  }
+  // Quitting leaves the proxy off, at the next launch too.
+  if (wished) persistInOrder(revision, false);
 
-bool SystemProxyRequests::switchOffForShutdown() {
-  const auto revision = withdrawWish();
-  if (!revision) return false;
-  persistInOrder(*revision, false);
-  backend_->disableSystemProxy();
-  return true;
+  auto finalSwitch = [this, wished, revision] {
+    if (!wished && !appliedOn_ && !backend_->pointsAtCore()) return;
+    applySwitch(false);
+    log_.message("native.systemProxy.applied: " + describeRequest("shutdown", false, revision));
+  };
+  // Behind the switch that may be running, so that "off" is the last word.
+  auto done = std::make_shared<std::promise<void>>();
+  auto finished = done->get_future();
+  applyQueue_->post([finalSwitch, done] {
+    finalSwitch();
+    done->set_value();
+  });
+  if (finished.wait_for(limit) != std::future_status::ready) {
+    log_.message("native.systemProxy.shutdown.timeout");
+    finalSwitch();
+  }
+  return wished;
 }
 
 }  // namespace qev::sysproxy

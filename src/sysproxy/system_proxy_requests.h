@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,12 +33,19 @@ class SystemProxyRequests {
   void requestSystemProxy(bool enabled, std::string reason, Completion completion = {});
   bool isSystemProxyDesired() const;
 
-  // For quitting: when the wish is on, turns it off and outdates any queued switch. Returns
-  // whether the wish was on. The caller saves and switches (see switchOffForShutdown).
-  bool markDisabledForShutdown();
-  // markDisabledForShutdown, and when the wish was on, saves "off" and switches the system proxy
-  // off on the calling thread. Returns whether it did.
-  bool switchOffForShutdown();
+  // Switches the system proxy off without saving "off": the user still wants to be connected,
+  // but nothing can serve them now (the core is down). The next start restores the wish.
+  void suspend(std::string reason, Completion completion = {});
+  // Switches off a system proxy that points at the core's port while `coreServes` says nothing
+  // listens there (a crash or power loss left it), logging "native.systemProxy.repair". Queued
+  // ahead of any later request; returns at once.
+  void repairIfStale(std::function<bool()> coreServes, Completion completion = {});
+
+  // For quitting. From now on no wish is accepted. An "on" wish is saved as "off"; then, behind
+  // any switch already running, the system proxy is switched off when qev had it on or it
+  // points at the core. Waits up to `limit` for that, then switches on this thread. Returns
+  // whether the wish was on.
+  bool shutdown(std::chrono::milliseconds limit);
 
   SystemProxyBackend& backend() { return *backend_; }
 
@@ -44,8 +53,11 @@ class SystemProxyRequests {
   // The wish of revision r is saved unless a newer one already was, so concurrent callers
   // cannot leave an older wish on disk.
   void persistInOrder(std::int64_t revision, bool enabled);
-  // The revision of the new wish.
-  std::int64_t recordWish(bool enabled);
+  // The revision of the new wish, or nothing once shut down.
+  std::optional<std::int64_t> recordWish(bool enabled);
+  // Switches on the apply queue when revision is still current, logs, completes.
+  void enqueue(bool enabled, std::int64_t revision, std::string reason, Completion completion);
+  void applySwitch(bool enabled);
   // Turns an "on" wish off; the new revision, or nothing when the wish was already off.
   std::optional<std::int64_t> withdrawWish();
   std::int64_t nextRevision();  // stateMutex_ held
@@ -59,6 +71,9 @@ class SystemProxyRequests {
   mutable std::mutex stateMutex_;  // held only for a field update, never across a switch
   bool systemProxyEnabledByApp_;
   std::int64_t systemProxyRevision_ = 0;
+  bool closed_ = false;  // shutdown has begun
+
+  std::atomic<bool> appliedOn_{false};  // the last switch this run made was "on"
 
   std::mutex persistMutex_;
   std::int64_t persistedRevision_ = 0;

@@ -16,6 +16,7 @@
 #include "app/gtk/web_view_host.h"
 #include "base/fs.h"
 #include "bridge/native_bridge.h"
+#include "guard/crash_guard.h"
 #include "qev/deployment.h"
 #include "qev/resources.h"
 #include "relay/api_base.h"
@@ -112,6 +113,7 @@ class DesktopShell {
     bridge_ = std::make_unique<bridge::NativeBridge>(
         std::move(profile),
         bridge::ShellSeams{mainQueue_, [this](const std::string& url) { openUrl(url); }});
+    guard_ = guard::CrashGuard::engage(bridge_->profile(), environment_.executable, bridge_->log());
 
     const auto scriptFile = resources / "nativeCompatibilityScript.js";
     auto script = base::readFile(scriptFile);
@@ -181,6 +183,7 @@ class DesktopShell {
     for (const guint source : signalSources_) g_source_remove(source);
     signalSources_.clear();
     if (bridge_) bridge_->shutdown();
+    guard_.reset();  // a clean quit: the shutdown above has done the guard's work
     answers_.reset();
     webView_.reset();
     tray_.reset();
@@ -200,6 +203,7 @@ class DesktopShell {
   std::shared_ptr<GlibMainQueue> mainQueue_ = std::make_shared<GlibMainQueue>(nullptr);
   std::vector<guint> signalSources_;
   std::unique_ptr<bridge::NativeBridge> bridge_;
+  std::unique_ptr<guard::CrashGuard> guard_;
   std::unique_ptr<WebViewHost> webView_;
   std::shared_ptr<WebViewAnswerSink> answers_;
   GtkWidget* window_ = nullptr;

@@ -82,11 +82,19 @@ WebViewAnswerSink::~WebViewAnswerSink() {
 }
 
 void WebViewAnswerSink::deliver(const bridge::Answer& answer) {
+  evaluate(answer.statement);
+}
+
+void WebViewAnswerSink::push(const bridge::Event& event) {
+  evaluate(event.statement);
+}
+
+void WebViewAnswerSink::evaluate(const std::string& statement) {
   if (!view_) return;
   // No completion: the statement's result and any error in it are of no interest.
-  webkit_web_view_evaluate_javascript(view_, answer.statement.data(),
-                                      static_cast<gssize>(answer.statement.size()), nullptr,
-                                      nullptr, nullptr, nullptr, nullptr);
+  webkit_web_view_evaluate_javascript(view_, statement.data(),
+                                      static_cast<gssize>(statement.size()), nullptr, nullptr,
+                                      nullptr, nullptr, nullptr);
 }
 
 WebViewHost::WebViewHost(bridge::NativeBridge& bridge, std::shared_ptr<const AssetScheme> scheme,

@@ -27,8 +27,11 @@ class WebViewAnswerSink final : public bridge::AnswerSink {
   WebViewAnswerSink& operator=(const WebViewAnswerSink&) = delete;
 
   void deliver(const bridge::Answer& answer) override;
+  void push(const bridge::Event& event) override;
 
  private:
+  void evaluate(const std::string& statement);
+
   WebKitWebView* view_;  // weak: cleared by GObject when the view is finalised
 };
 

@@ -20,6 +20,7 @@
 #include "base/main_queue.h"
 #include "bridge/diagnostic_log.h"
 #include "bridge/native_bridge.h"
+#include "guard/crash_guard.h"
 #include "process/process_runner.h"
 
 namespace qev::app {
@@ -31,9 +32,6 @@ class JsonLinesSink final : public bridge::AnswerSink {
   explicit JsonLinesSink(std::ostream& out) : out_(out) {}
 
   void deliver(const bridge::Answer& answer) override {
-    const auto dump = [](const Json& v) {
-      return v.dump(-1, ' ', false, Json::error_handler_t::replace);
-    };
     out_ << "{\"id\":" << dump(answer.id);
     if (answer.ok) {
       out_ << ",\"result\":" << dump(answer.value) << "}\n";
@@ -43,7 +41,17 @@ class JsonLinesSink final : public bridge::AnswerSink {
     out_.flush();
   }
 
+  // Events share the stream as {"event": name, "payload": value}.
+  void push(const bridge::Event& event) override {
+    out_ << "{\"event\":" << dump(event.name) << ",\"payload\":" << dump(event.payload) << "}\n";
+    out_.flush();
+  }
+
  private:
+  static std::string dump(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+
   std::ostream& out_;
 };
 
@@ -148,6 +156,9 @@ int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
       bridge::ShellSeams{state->queue, [&opener](const std::string& url) { opener.open(url); }});
   auto sink = std::make_shared<JsonLinesSink>(out);
   bridge.setAnswerSink(sink);
+  // Stood down when this function returns, after the shutdown below.
+  const auto guard =
+      guard::CrashGuard::engage(bridge.profile(), environment.executable, bridge.log());
 
   std::thread([state] {
     char signal = 0;

@@ -29,7 +29,8 @@ TEST(HeadlessShellTest, AnswersLogsAndSkipsMalformedInput) {
   // Every entry: "[" ISO-8601 UTC stamp "] " message, one per line.
   const std::regex entries(R"((\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ\] [^\n]*\n)+)");
   EXPECT_TRUE(std::regex_match(log, entries)) << log;
-  const auto messages = qev.logMessages();
+  auto messages = qev.logMessages();
+  std::erase_if(messages, [](const std::string& m) { return m.starts_with("native.guard."); });
   ASSERT_GE(messages.size(), 3u);
   EXPECT_EQ(messages[0], "login token=*** ok");
   EXPECT_EQ(messages[1], R"(native.bridge.call: GetConfig [{"password":"***"}])");

@@ -3,13 +3,17 @@
 // backend) switched on and off again.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "headless_process.h"
 #include "storage/protected_files.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 #include "testing/doubles_harness.h"
 
 namespace qev::test {
@@ -61,6 +65,36 @@ class ProxyFlowTest : public ::testing::Test {
     }
     while (!out.empty() && (out.back() == '\n')) out.pop_back();
     return out;
+  }
+
+  void gsettingsSet(const std::string& schema, const std::string& key, const std::string& value) {
+    const std::string cmd = "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME='" +
+                            (dir_.path() / "config").string() + "' gsettings set " + schema + " " +
+                            key + " " + shellQuoted(value);
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+  }
+  std::string desktopMode() { return gsettings("org.gnome.system.proxy", "mode"); }
+
+  // Connected: a stored subscription, a running core, the system proxy on.
+  void connect(HeadlessQev& qev) {
+    ASSERT_EQ((*qev.call("c1", "updateConfig", Json::array({subscribeLink()})))["result"], true)
+        << qev.logText();
+    ASSERT_EQ((*qev.call("c2", "startProxy"))["result"], true) << qev.logText();
+    ASSERT_EQ(desktopMode(), "'manual'");
+  }
+
+  // The pid of the most recently started core, from the log.
+  static int lastCorePid(HeadlessQev& qev) {
+    int pid = 0;
+    for (const auto& m : qev.logMessages()) {
+      if (m.starts_with("native.mihomo.started: ")) pid = std::stoi(m.substr(23));
+    }
+    return pid;
+  }
+  static std::size_t countLog(HeadlessQev& qev, const std::string& prefix) {
+    std::size_t n = 0;
+    for (const auto& m : qev.logMessages()) n += m.starts_with(prefix) ? 1 : 0;
+    return n;
   }
 
   Json settingsFile(HeadlessQev& qev) {
@@ -194,6 +228,89 @@ TEST_F(ProxyFlowTest, RestartRestoresTheProxyOnlyAfterAPassingCheck) {
         << qev->logText();
     EXPECT_EQ(gsettings("org.gnome.system.proxy", "mode"), "'none'");
     EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], false);
+  }
+}
+
+TEST_F(ProxyFlowTest, KilledWhileConnectedTheGuardTurnsTheDesktopProxyOffAndNoCoreOutlivesIt) {
+  auto qev = start();
+  connect(*qev);
+  qev->signal(SIGKILL);
+  qev->waitExit(10s);
+  EXPECT_TRUE(eventually([&] { return desktopMode() == "'none'"; }, 5s)) << desktopMode();
+  EXPECT_TRUE(eventually([] { return portFree(33210) && portFree(33212); }, 5s));
+  EXPECT_TRUE(
+      eventually([&] { return logHas(*qev, "native.guard.cleanup: systemProxyOff=true"); }));
+  EXPECT_FALSE(std::filesystem::exists(qev->dataFolder() / ".qevjs-runtime-config.yaml"));
+  // The stored wish stays on, so the next start brings the proxy back.
+  EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], true);
+}
+
+TEST_F(ProxyFlowTest, StartClearsADesktopProxyLeftPointingAtNothingButKeepsTheUsersOwn) {
+  gsettingsSet("org.gnome.system.proxy.http", "host", "127.0.0.1");
+  gsettingsSet("org.gnome.system.proxy.http", "port", "33210");
+  gsettingsSet("org.gnome.system.proxy", "mode", "manual");
+  {
+    auto qev = start();
+    EXPECT_TRUE(eventually([&] { return logHas(*qev, "native.systemProxy.repair"); }, 10s));
+    EXPECT_EQ(desktopMode(), "'none'");
+  }
+  // A proxy of the user's own is not qev's to clear.
+  gsettingsSet("org.gnome.system.proxy.http", "host", "proxy.example.org");
+  gsettingsSet("org.gnome.system.proxy", "mode", "manual");
+  auto qev = start();
+  ASSERT_TRUE(qev->call("1", "getSettings"));
+  qev->closeInput();
+  ASSERT_EQ(qev->waitExit(), 0);
+  EXPECT_EQ(countLog(*qev, "native.systemProxy.repair"), 1u);  // the first start's only
+  EXPECT_EQ(desktopMode(), "'manual'");
+}
+
+TEST_F(ProxyFlowTest, ACoreThatDiesIsRestartedAndOneThatCannotStartTurnsTheProxyOffAndSaysSo) {
+  const auto core = dir_.path() / "core";
+  std::filesystem::create_symlink(kFakeCore, core);
+  auto qev = start({{"QEV_MIHOMO", core.string()}});
+  connect(*qev);
+
+  ASSERT_EQ(::kill(lastCorePid(*qev), SIGKILL), 0);
+  ASSERT_TRUE(eventually([&] { return logHas(*qev, "native.mihomo.watch.recovered"); }, 30s))
+      << qev->logText();
+  EXPECT_EQ(desktopMode(), "'manual'");
+  EXPECT_FALSE(portFree(33210));
+
+  // From now on the core cannot start: two more attempts fit the budget, then qev gives up.
+  std::filesystem::remove(core);
+  writeText(core, "not a program");
+  ASSERT_EQ(::kill(lastCorePid(*qev), SIGKILL), 0);
+  ASSERT_TRUE(eventually([&] { return logHas(*qev, "native.mihomo.watch.gaveUp"); }, 60s))
+      << qev->logText();
+  EXPECT_EQ(countLog(*qev, "native.mihomo.watch.restart: "), 3u);
+  EXPECT_TRUE(eventually([&] { return desktopMode() == "'none'"; }, 5s));
+  const Json told = {{"event", "proxyState"},
+                     {"payload", {{"connected", false}, {"reason", "coreStopped"}}}};
+  EXPECT_TRUE(eventually([&] {
+    const auto lines = qev->answers();
+    return std::find(lines.begin(), lines.end(), told) != lines.end();
+  }));
+  // The user still wants to be connected: the next start tries again.
+  EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], true);
+}
+
+TEST_F(ProxyFlowTest, QuittingAmidASwitchOnOrACoreRestartAlwaysEndsOffWithNoCoreAndNoPlaintext) {
+  {
+    auto qev = start();
+    ASSERT_EQ((*qev->call("1", "updateConfig", Json::array({subscribeLink()})))["result"], true);
+  }
+  std::mt19937 random(20261123);
+  for (int round = 0; round < 6; ++round) {
+    auto qev = start();
+    qev->send(Json{{"id", "s"}, {"name", "startProxy"}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 1500));
+    qev->signal(SIGTERM);
+    ASSERT_EQ(qev->waitExit(), 0) << "round " << round;
+    EXPECT_EQ(desktopMode(), "'none'") << "round " << round << "\n" << qev->logText();
+    EXPECT_TRUE(portFree(33210) && portFree(33212)) << "round " << round;
+    EXPECT_FALSE(std::filesystem::exists(qev->dataFolder() / ".qevjs-runtime-config.yaml"));
+    EXPECT_EQ(settingsFile(*qev)["proxyEnabled"], false) << "round " << round;
   }
 }
 

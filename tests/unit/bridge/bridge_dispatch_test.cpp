@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "base/main_queue.h"
@@ -13,7 +14,9 @@ namespace {
 class RecordingSink final : public AnswerSink {
  public:
   void deliver(const Answer& answer) override { answers.push_back(answer); }
+  void push(const Event& event) override { events.push_back(event); }
   std::vector<Answer> answers;
+  std::vector<Event> events;
 };
 
 class BridgeDispatchTest : public ::testing::Test {
@@ -67,6 +70,18 @@ TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
             R"(window.__nativeBridgeResolve && window.__nativeBridgeResolve("7", false);)");
   EXPECT_EQ(logLines(), (std::vector<std::string>{"native.bridge.call: GetConfig ",
                                                   "native.bridge.call: noSuchCommand "}));
+}
+
+TEST_F(BridgeDispatchTest, EventsReachThePageOnTheMainQueueAsOneStatement) {
+  std::thread([this] {
+    bridge_->pushEvent("proxyState", {{"connected", false}, {"reason", "core\u2028stopped"}});
+  }).join();
+  EXPECT_TRUE(sink_->events.empty());  // nothing before the main queue runs
+  queue_->drain();
+  ASSERT_EQ(sink_->events.size(), 1u);
+  EXPECT_EQ(sink_->events[0].statement,
+            "window.__nativeBridgeEvent && window.__nativeBridgeEvent(\"proxyState\", "
+            "{\"connected\":false,\"reason\":\"core\\u2028stopped\"});");
 }
 
 TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {

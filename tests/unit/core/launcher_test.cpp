@@ -60,7 +60,7 @@ class LauncherRig {
     if (::testing::Test::HasFailure()) {
       for (const auto& line : log_.lines()) std::cerr << "log: " << line << "\n";
     }
-    supervisor_->terminate();
+    supervisor_->stopForShutdown();
     supervisor_->killStaleMihomo();
     session_.stop();
     executors_.stop();
@@ -180,7 +180,7 @@ TEST(LauncherTest, StartsTheCoreThroughTheLauncherAndRemovesThePlaintextFile) {
   EXPECT_TRUE(rig.controllerReady());
 
   // Shutdown: SIGTERM, and the core's clean exit is logged.
-  rig.supervisor_->terminate();
+  rig.supervisor_->stopForShutdown();
   EXPECT_EQ(rig.log_.waitFor("native.mihomo.exit: "), "native.mihomo.exit: status=0 ");
 }
 

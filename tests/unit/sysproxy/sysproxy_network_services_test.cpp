@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <sstream>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "base/strings.h"
+#include "guard/crash_guard.h"
 #include "recording_logger.h"
 #include "sysproxy/network_services_backend.h"
 #include "temp_home.h"
@@ -22,8 +24,9 @@ using Calls = std::vector<std::vector<std::string>>;
 using test::RecordingLogger;
 
 // A stand-in for a macOS tool: appends its arguments as one tab-separated line to `<name>.calls`,
-// fails when its first two arguments match a tab-joined line of `<name>.fail`, and answers
-// "-listallnetworkservices" with the file `listing` and the exit status in `listing.status`.
+// fails when its first two arguments match a tab-joined line of `<name>.fail`, answers
+// "-listallnetworkservices" with the file `listing` and the exit status in `listing.status`, and
+// "-getwebproxy <service>" with the file `webproxy-<service>` (a disabled proxy without one).
 void writeFakeTool(const fs::path& dir, const std::string& name) {
   constexpr const char* kScript = R"sh(#!/bin/sh
 for a in "$@"; do printf '%s\t' "$a"; done >> '@DIR@/@NAME@.calls'
@@ -31,6 +34,10 @@ printf '\n' >> '@DIR@/@NAME@.calls'
 if [ "$1" = -listallnetworkservices ]; then
   cat '@DIR@/listing'
   exit "$(cat '@DIR@/listing.status' 2>/dev/null || echo 0)"
+fi
+if [ "$1" = -getwebproxy ]; then
+  cat "@DIR@/webproxy-$2" 2>/dev/null || printf 'Enabled: No\nServer: \nPort: 0\n'
+  exit 0
 fi
 if [ -f '@DIR@/@NAME@.fail' ] && grep -qxF -e "$(printf '%s\t%s' "$1" "$2")" '@DIR@/@NAME@.fail'
 then exit 1
@@ -152,6 +159,35 @@ TEST_F(NetworkServicesBackendTest, OneFailingCommandFailsOnlyItsServiceAndTheRes
                               "native.networksetup.enable: Wi-Fi 2=false",
                               "native.networksetup.enable: Thunderbolt Bridge=false",
                           }));
+}
+
+// The crash guard's path on macOS: only a proxy that still points at the core is switched off.
+TEST_F(NetworkServicesBackendTest, GuardSwitchesOffOnlyAProxyThatPointsAtTheCore) {
+  struct Case {
+    std::string webProxy;  // Thunderbolt Bridge's answer to -getwebproxy
+    bool switchedOff;
+  };
+  const std::vector<Case> cases = {
+      {"Enabled: Yes\nServer: 127.0.0.1\nPort: 33210\nAuthenticated Proxy Enabled: 0\n", true},
+      {"Enabled: Yes\nServer: proxy.corp.example\nPort: 8080\n", false},
+      {"Enabled: No\nServer: 127.0.0.1\nPort: 33210\n", false},
+      {"Enabled: Yes\nServer: 127.0.0.1\nPort: 33211\n", false},
+  };
+  const auto profile = storage::Profile::forMacOS(test::environmentIn(dir_.path() / "home"));
+  for (const auto& c : cases) {
+    fs::remove(dir_.path() / "networksetup.calls");
+    test::writeText(dir_.path() / "webproxy-Thunderbolt Bridge", c.webProxy);
+    auto b = backend();
+    guard::cleanUpAfterApp(b, profile, log_);
+
+    const Calls calls = networksetupCalls();
+    const bool switched = std::any_of(calls.begin(), calls.end(), [](const auto& call) {
+      return call.size() == 3 && call[0] == "-setwebproxystate" && call[2] == "off";
+    });
+    EXPECT_EQ(switched, c.switchedOff) << c.webProxy;
+    EXPECT_EQ(log_.lines().back(), std::string("native.guard.cleanup: systemProxyOff=") +
+                                       (c.switchedOff ? "true" : "false"));
+  }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
@@ -35,6 +37,10 @@ class Journal final : public base::Logger {
     std::lock_guard lock(mutex_);
     return entries_;
   }
+  void clear() const {
+    std::lock_guard lock(mutex_);
+    entries_.clear();
+  }
   std::vector<std::string> withPrefix(std::string_view prefix) const {
     std::vector<std::string> matching;
     for (auto& e : entries()) {
@@ -56,6 +62,10 @@ class GatedBackend final : public SystemProxyBackend {
 
   void enableSystemProxy() override { run(true); }
   void disableSystemProxy() override { run(false); }
+  bool pointsAtCore() override { return pointing_; }
+  void setPointing(bool pointing) { pointing_ = pointing; }
+  // Whether a switch ever began while another was still running.
+  bool overlapped() const { return overlapped_; }
 
   void hold() {
     std::lock_guard lock(mutex_);
@@ -83,11 +93,13 @@ class GatedBackend final : public SystemProxyBackend {
   void run(bool enabled) {
     journal_.add(enabled ? "switch:on" : "switch:off");
     std::unique_lock lock(mutex_);
+    if (running_++ > 0) overlapped_ = true;
     switches_.push_back(enabled);
     threads_.push_back(std::this_thread::get_id());
     ++started_;
     changed_.notify_all();
     changed_.wait(lock, [&] { return !held_; });
+    --running_;
   }
 
   const Journal& journal_;
@@ -95,6 +107,9 @@ class GatedBackend final : public SystemProxyBackend {
   std::condition_variable changed_;
   bool held_ = false;
   std::size_t started_ = 0;
+  int running_ = 0;
+  std::atomic<bool> overlapped_{false};
+  std::atomic<bool> pointing_{false};
   std::vector<bool> switches_;
   std::vector<std::thread::id> threads_;
 };
@@ -169,31 +184,68 @@ TEST_F(SystemProxyRequestsTest, RequestsQueuedBehindARunningSwitchAreSkippedButT
                                 }));
 }
 
-TEST_F(SystemProxyRequestsTest, ShutdownSwitchesOffOnTheCallerAndOutdatesQueuedWork) {
+TEST_F(SystemProxyRequestsTest, ShutdownWaitsForTheRunningSwitchEndsOffAndRefusesLaterWishes) {
+  using namespace std::chrono_literals;
   build(false);
   backend_->hold();
   requests_->requestSystemProxy(true, "startProxy.confirm", counter_.completion());
   backend_->waitUntilRunning(1);
   requests_->requestSystemProxy(true, "setProxy", counter_.completion());
 
-  // The running switch is still held: the shutdown's own switch runs beside it, on this thread.
   std::thread releaser([this] {
-    backend_->waitUntilRunning(2);
+    std::this_thread::sleep_for(100ms);
     backend_->release();
   });
-  EXPECT_TRUE(requests_->switchOffForShutdown());
+  EXPECT_TRUE(requests_->shutdown(10s));
   releaser.join();
-  EXPECT_FALSE(requests_->isSystemProxyDesired());
-  EXPECT_EQ(backend_->threads().at(1), std::this_thread::get_id());
-  counter_.waitFor(2);
+  requests_->requestSystemProxy(true, "late", counter_.completion());
+  counter_.waitFor(3);
 
-  EXPECT_FALSE(requests_->switchOffForShutdown());
+  EXPECT_FALSE(requests_->isSystemProxyDesired());
+  EXPECT_FALSE(backend_->overlapped());
   EXPECT_EQ(backend_->switches(), (std::vector<bool>{true, false}));
   EXPECT_EQ(journal_.withPrefix("persist:"),
             (std::vector<std::string>{"persist:on", "persist:on", "persist:off"}));
-  EXPECT_EQ(
-      journal_.withPrefix("native.systemProxy.skip: "),
-      (std::vector<std::string>{"native.systemProxy.skip: setProxy enabled=true revision=2"}));
+  EXPECT_EQ(journal_.withPrefix("native.systemProxy.skip: "),
+            std::vector<std::string>{"native.systemProxy.skip: setProxy enabled=true revision=2"});
+  EXPECT_EQ(journal_.withPrefix("native.systemProxy.refused: "),
+            std::vector<std::string>{"native.systemProxy.refused: late (quitting)"});
+  // Quitting again touches nothing.
+  EXPECT_FALSE(requests_->shutdown(10s));
+  EXPECT_EQ(backend_->switches().size(), 2u);
+}
+
+TEST_F(SystemProxyRequestsTest, RepairSwitchesOffOnlyAProxyPointingAtANonListeningCore) {
+  struct Case {
+    bool pointing;
+    bool served;
+    bool switched;
+  };
+  for (const Case c :
+       {Case{true, false, true}, Case{true, true, false}, Case{false, false, false}}) {
+    build(false);
+    backend_->setPointing(c.pointing);
+    CompletionCounter done;
+    requests_->repairIfStale([&c] { return c.served; }, done.completion());
+    done.waitFor(1);
+    EXPECT_EQ(backend_->switches(), c.switched ? std::vector<bool>{false} : std::vector<bool>{});
+    EXPECT_EQ(journal_.withPrefix("native.systemProxy.repair").size(), c.switched ? 1u : 0u);
+    journal_.clear();
+  }
+}
+
+TEST_F(SystemProxyRequestsTest, SuspendSwitchesOffButKeepsTheSavedWish) {
+  build(true);
+  requests_->suspend("coreStopped", counter_.completion());
+  counter_.waitFor(1);
+  EXPECT_FALSE(requests_->isSystemProxyDesired());
+  EXPECT_EQ(backend_->switches(), std::vector<bool>{false});
+  EXPECT_TRUE(journal_.withPrefix("persist:").empty());
+  // Connecting again works as usual.
+  requests_->requestSystemProxy(true, "startProxy.confirm", counter_.completion());
+  counter_.waitFor(2);
+  EXPECT_EQ(backend_->switches(), (std::vector<bool>{false, true}));
+  EXPECT_EQ(journal_.withPrefix("persist:"), std::vector<std::string>{"persist:on"});
 }
 
 // Many callers on several threads: whatever the interleaving, the wish with the highest revision
