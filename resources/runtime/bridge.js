@@ -55,6 +55,16 @@
     entry.reject(new Error(message ? String(message) : 'native bridge error'));
   };
 
+  // News from the native side arrives unasked; pages listen for the DOM event "native:<name>"
+  // (traffic, proxyState, subscription), its payload in event.detail.
+  window.__nativeBridgeEvent = function (name, payload) {
+    try {
+      window.dispatchEvent(new CustomEvent('native:' + String(name), { detail: payload }));
+    } catch (error) {
+      nativeLog('nativeEvent.error: ' + errorMessage(error));
+    }
+  };
+
   function openExternal(url) {
     nativeLog('openExternal: ' + url);
     if (!url) {

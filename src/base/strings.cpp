@@ -1,6 +1,7 @@
 #include "base/strings.h"
 
 #include <algorithm>
+#include <ctime>
 
 namespace qev::base {
 namespace {
@@ -106,6 +107,15 @@ std::string join(const std::vector<std::string>& parts, std::string_view separat
     out.append(parts[i]);
   }
   return out;
+}
+
+std::string iso8601UtcStamp(std::chrono::system_clock::time_point when) {
+  const std::time_t t = std::chrono::system_clock::to_time_t(when);
+  std::tm utc{};
+  gmtime_r(&t, &utc);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return buf;
 }
 
 }  // namespace qev::base

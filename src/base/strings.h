@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,5 +51,8 @@ std::string toLowerAscii(std::string_view text);
 std::string replaceAll(std::string_view text, std::string_view from, std::string_view to);
 
 std::string join(const std::vector<std::string>& parts, std::string_view separator);
+
+// "2026-11-15T18:30:00Z": UTC, whole seconds.
+std::string iso8601UtcStamp(std::chrono::system_clock::time_point when);
 
 }  // namespace qev::base

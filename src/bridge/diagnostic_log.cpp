@@ -8,18 +8,10 @@
 
 #include "base/fs.h"
 #include "base/redaction.h"
+#include "base/strings.h"
 #include "base/utf8.h"
 
 namespace qev::bridge {
-
-std::string iso8601UtcStamp(std::chrono::system_clock::time_point when) {
-  const std::time_t t = std::chrono::system_clock::to_time_t(when);
-  std::tm utc{};
-  gmtime_r(&t, &utc);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return buf;
-}
 
 DiagnosticLog::DiagnosticLog(std::filesystem::path file) : file_(std::move(file)) {}
 
@@ -50,7 +42,7 @@ void DiagnosticLog::message(std::string_view text) const noexcept {
 void DiagnosticLog::write(std::string_view redactedText) const noexcept {
   if (!base::isValidUtf8(redactedText)) return;  // no lossy conversion
   constexpr std::size_t kMaxLine = 8192;
-  std::string line = "[" + iso8601UtcStamp(std::chrono::system_clock::now()) + "] ";
+  std::string line = "[" + base::iso8601UtcStamp(std::chrono::system_clock::now()) + "] ";
   line.append(base::truncateUtf8Bytes(redactedText, kMaxLine - line.size() - 1)).push_back('\n');
 
   const int fd = ::open(file_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);

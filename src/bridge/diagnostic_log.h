@@ -10,9 +10,6 @@
 
 namespace qev::bridge {
 
-// "[2026-11-15T18:30:00Z] " style stamp: UTC, whole seconds.
-std::string iso8601UtcStamp(std::chrono::system_clock::time_point when);
-
 // The plain-text diagnostic log. Every entry is redacted before it reaches the disk; writing
 // never fails outward. Safe to call from any thread: each entry is one open-append-close.
 class DiagnosticLog final : public base::Logger {

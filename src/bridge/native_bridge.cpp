@@ -23,6 +23,13 @@ constexpr std::string_view kLogChannel = "nativeLog";
 constexpr std::chrono::seconds kShutdownSwitchLimit{5};
 constexpr std::chrono::milliseconds kPortProbeTimeout{500};
 
+// Tests shorten the hour the subscription updater counts in.
+std::chrono::milliseconds autoUpdateHour() {
+  const char* value = std::getenv("QEV_AUTO_UPDATE_HOUR_MS");
+  const long long ms = value ? std::atoll(value) : 0;
+  return ms > 0 ? std::chrono::milliseconds(ms) : std::chrono::hours(1);
+}
+
 // The panel base a self-hosted deployment or a test sets; read once, at start-up.
 std::optional<std::string> apiBaseOverride() {
   const char* value = std::getenv("QEV_API_BASE");
@@ -53,7 +60,8 @@ NativeBridge::NativeBridge(storage::Profile profile, ShellSeams seams)
       externalLinks_(log_, seams_.mainQueue, seams_.openUrl),
       runtimeConfig_(profile_.paths, protectedFiles_, settings_, controller_, log_),
       tunRollback_(profile_.paths, settings_, runtimeConfig_, log_),
-      readiness_(http_, controller_, executors_) {
+      readiness_(http_, controller_, executors_),
+      liveFeed_(http_, controller_, executors_) {
   prepareStorage();
   systemProxy_ = std::make_unique<sysproxy::SystemProxyRequests>(
       sysproxy::makeSystemProxyBackend(profile_, log_),
@@ -73,6 +81,7 @@ void NativeBridge::buildCoreParts() {
       [this] { return tunRollback_.tunAdminAuthorizationFailed(); },
       [this] { tunRollback_.rollbackTunAfterAdminFailure(); },
       [this] { watchdog_->coreExited(); },
+      [this] { liveFeed_.coreReady(); },
   };
   supervisor_ = std::make_unique<core::MihomoSupervisor>(profile_, log_, systemLog_, executors_,
                                                          readiness_, controller_, std::move(hooks));
@@ -108,6 +117,23 @@ void NativeBridge::buildCoreParts() {
         configCommands_->putConfig(Json::array(), std::move(resolve), std::move(reject));
       },
       outline, log_, std::string(deployment::kConnectivityCheckUrl));
+  liveCommands_ = std::make_unique<proxies::LiveCommands>(
+      controller_, liveFeed_, outline, std::string(deployment::kClientVersion),
+      std::string(deployment::kConnectivityCheckUrl));
+  autoUpdater_ = std::make_unique<subscription::AutoUpdater>(
+      executors_, log_,
+      subscription::AutoUpdater::Hooks{
+          [this] { return configCommands_->record(); },
+          [this](subscription::ConfigCommands::RefreshCompletion done) {
+            configCommands_->refresh(
+                [this](BoolCompletion applied) { applyToRunningCore(std::move(applied)); },
+                std::move(done));
+          },
+          [this] {
+            pushEvent("subscription",
+                      subscription::subscriptionInfoJson(configCommands_->record()));
+          }},
+      autoUpdateHour());
   tunSwitch_ = std::make_unique<core::TunSwitch>(
       settings_, runtimeConfig_, tunRollback_,
       core::TunSwitchHooks{[this](std::string reason, BoolCompletion done) {
@@ -192,6 +218,27 @@ void NativeBridge::registerCommands() {
   commands_["getSettings"] = [this](const Json&, Resolve resolve, Reject) {
     resolve(settings_.readSettings());
   };
+  commands_["getTraffic"] = [this](const Json&, Resolve resolve, Reject) {
+    liveCommands_->getTraffic(resolve);
+  };
+  commands_["getConnections"] = [this](const Json&, Resolve resolve, Reject) {
+    liveCommands_->getConnections(std::move(resolve));
+  };
+  commands_["closeConnection"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    liveCommands_->closeConnection(args, std::move(resolve), std::move(reject));
+  };
+  commands_["closeAllConnections"] = [this](const Json&, Resolve resolve, Reject) {
+    liveCommands_->closeAllConnections(std::move(resolve));
+  };
+  commands_["getLogs"] = [this](const Json& args, Resolve resolve, Reject) {
+    liveCommands_->getLogs(args, resolve);
+  };
+  commands_["testDelay"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    liveCommands_->testDelay(args, std::move(resolve), std::move(reject));
+  };
+  commands_["getVersion"] = [this](const Json&, Resolve resolve, Reject) {
+    liveCommands_->getVersion(std::move(resolve));
+  };
   commands_["setAutoLaunch"] = [this](const Json& args, Resolve resolve, Reject reject) {
     auto result = autoLaunch_.setAutoLaunch(boolArg(firstArg(args)));
     if (result) {
@@ -275,15 +322,39 @@ void NativeBridge::pushEvent(std::string name, Json payload) {
   });
 }
 
-void NativeBridge::restoreProxyIfNeeded() {
+void NativeBridge::start() {
   systemProxy_->repairIfStale([] {
     return net::acceptsConnections(std::string(kProxyHost), kHttpProxyPort, kPortProbeTimeout);
   });
-  proxySwitch_->restoreProxyIfNeeded();
+  proxySwitch_->restoreProxyIfNeeded([this](bool connected, std::string reason) {
+    pushEvent("proxyState", {{"connected", connected}, {"reason", std::move(reason)}});
+  });
+  liveFeed_.start([this](const Json& traffic) {
+    if (pageVisible_) pushEvent("traffic", traffic);
+  });
+  autoUpdater_->start();
+}
+
+void NativeBridge::applyToRunningCore(BoolCompletion done) {
+  // A core nobody started stays stopped; a running one takes up the new subscription.
+  readiness_.isControllerReady([this, done = std::move(done)](bool ready) {
+    if (!ready) {
+      done(false);
+      return;
+    }
+    configCommands_->putConfig(
+        Json::array(),
+        [this, done](Json) {
+          proxySelection_->reapplyLastSelectedProxyIfNeeded([done] { done(true); });
+        },
+        [done](BridgeError) { done(false); });
+  });
 }
 
 void NativeBridge::shutdown() {
   if (shutDown_.exchange(true)) return;
+  autoUpdater_->stop();
+  liveFeed_.stop();
   // Off first, behind any switch already running, so that the desktop ends on "off".
   systemProxy_->shutdown(kShutdownSwitchLimit);
   supervisor_->stopForShutdown();

@@ -12,12 +12,14 @@
 #include "bridge/commands.h"
 #include "bridge/diagnostic_log.h"
 #include "controller/controller_client.h"
+#include "controller/live_feed.h"
 #include "core/controller_readiness.h"
 #include "core/core_watchdog.h"
 #include "core/mihomo_supervisor.h"
 #include "core/runtime_config.h"
 #include "core/tun_mode.h"
 #include "net/http_session.h"
+#include "proxies/live_commands.h"
 #include "proxies/proxy_selection.h"
 #include "proxies/proxy_switch.h"
 #include "proxies/runtime_settings.h"
@@ -31,6 +33,7 @@
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
 #include "storage/system_log.h"
+#include "subscription/auto_update.h"
 #include "subscription/config_commands.h"
 #include "sysproxy/system_proxy_requests.h"
 
@@ -89,9 +92,11 @@ class NativeBridge {
 
   // Tells the page `name` with `payload`; any thread.
   void pushEvent(std::string name, Json payload);
-  // Clears a system proxy left pointing at a dead port, then re-applies it when the user left
-  // it on; returns at once.
-  void restoreProxyIfNeeded();
+  // Once the page is loading: clears a system proxy left pointing at a dead port, re-applies it
+  // when the user left it on, and starts the live feeds and subscription updates. Returns at once.
+  void start();
+  // Whether the window shows the page: "traffic" events go out only while it does.
+  void setPageVisible(bool visible) { pageVisible_ = visible; }
   // Returns the machine to a clean state; runs once, later calls do nothing.
   void shutdown();
 
@@ -110,6 +115,8 @@ class NativeBridge {
   void prepareStorage();
   // Builds the parts that drive the core, once storage and the system proxy exist.
   void buildCoreParts();
+  // Applies a newly stored subscription to a running core; false when none runs.
+  void applyToRunningCore(BoolCompletion done);
 
   storage::Profile profile_;
   ShellSeams seams_;
@@ -138,12 +145,16 @@ class NativeBridge {
   core::ControllerReadiness readiness_;
   std::unique_ptr<core::MihomoSupervisor> supervisor_;
   std::unique_ptr<core::CoreWatchdog> watchdog_;  // restarts a core that died while connected
+  controller::LiveFeed liveFeed_;                 // the core's traffic and log streams
   // Proxy selection, configuration commands and TUN switching (they need the system proxy).
   std::unique_ptr<proxies::ProxySelection> proxySelection_;
   std::unique_ptr<proxies::RuntimeSettings> runtimeSettings_;
   std::unique_ptr<subscription::ConfigCommands> configCommands_;
   std::unique_ptr<proxies::ProxySwitch> proxySwitch_;
   std::unique_ptr<core::TunSwitch> tunSwitch_;
+  std::unique_ptr<proxies::LiveCommands> liveCommands_;
+  std::unique_ptr<subscription::AutoUpdater> autoUpdater_;
+  std::atomic<bool> pageVisible_{false};
   CommandTable commands_;
   std::weak_ptr<AnswerSink> sink_;  // main thread only
   std::atomic<std::size_t> inFlight_{0};

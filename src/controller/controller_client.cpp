@@ -33,6 +33,13 @@ std::string percentEncodePathComponent(std::string_view name) {
   return net::percentEncodePath(name, true);
 }
 
+std::string delayTestUrl(const std::string& base, std::string_view collection,
+                         std::string_view name, int timeoutMs, std::string_view checkUrl) {
+  return base + "/" + std::string(collection) + "/" + percentEncodePathComponent(name) +
+         "/delay?timeout=" + std::to_string(timeoutMs) +
+         "&url=" + percentEncodePathComponent(checkUrl);
+}
+
 ControllerClient::ControllerClient(net::HttpSession& session, const base::Logger& log,
                                    std::string base)
     : session_(session), log_(log), base_(std::move(base)) {}

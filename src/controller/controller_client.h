@@ -19,6 +19,11 @@ using JsonCompletion = std::function<void(Result<Json>)>;
 // Percent-encodes a group or proxy name for use as one path segment ("a/b c" -> "a%2Fb%20c").
 std::string percentEncodePathComponent(std::string_view name);
 
+// The core's delay test of a node or a group's members: base + "/proxies/<name>/delay" or
+// "/group/<name>/delay", with the core's own time limit and the URL it fetches.
+std::string delayTestUrl(const std::string& base, std::string_view collection,
+                         std::string_view name, int timeoutMs, std::string_view checkUrl);
+
 // The one client through which every call to the core's controller goes.
 class ControllerClient {
  public:

@@ -316,6 +316,7 @@ void MihomoSupervisor::restartMihomoSerialized(const std::string& reason, Comple
 }
 
 void MihomoSupervisor::finishRestart(bool value) {
+  if (value && hooks_.coreReady) hooks_.coreReady();
   std::vector<Completion> completions;
   {
     std::lock_guard lock(restartMutex_);

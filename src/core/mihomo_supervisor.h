@@ -30,6 +30,8 @@ struct CoreHooks {
   // The current core ended on its own: not stopped by qev, not during a restart. Runs on the
   // core's watcher thread.
   std::function<void()> coreExitedUnexpectedly;
+  // A restart ended with the controller answering.
+  std::function<void()> coreReady;
 };
 
 struct SupervisorTimings {

@@ -89,6 +89,9 @@ struct Transfer {
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
+  if (transfer->request.onData) {
+    return transfer->request.onData(std::string_view(data, size * count)) ? size * count : 0;
+  }
   const std::size_t limit = transfer->request.maxBodyBytes.value_or(SIZE_MAX);
   if (size * count > limit - std::min(limit, transfer->response.body.size())) {
     transfer->tooLarge = true;
@@ -297,11 +300,17 @@ class HttpSession::Impl {
     curl_easy_setopt(easy, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);  // redirects are followed by finish()
-    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+    // A compressed stream would arrive in compressor-sized lumps, not line by line.
+    if (!request.onData) curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
     const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
         raw->deadline - std::chrono::steady_clock::now());
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS,
-                     static_cast<long>(std::max<long long>(1, remaining.count())));
+    const long budget = static_cast<long>(std::max<long long>(1, remaining.count()));
+    if (request.onData) {
+      // A stream lasts as long as the server keeps it open; only connecting is bounded.
+      curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, budget);
+    } else {
+      curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, budget);
+    }
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, raw);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);

@@ -23,6 +23,10 @@ struct HttpRequest {
   std::chrono::milliseconds timeout{60000};
   // A larger body ends the transfer with a failure instead of being held whole in memory.
   std::optional<std::size_t> maxBodyBytes;
+  // A stream: the body goes here piece by piece, as it arrives, on the transfer thread (be
+  // quick), instead of into the response; false ends the transfer. The time-out then bounds
+  // the wait for the response head only, and the completion runs when the stream ends.
+  std::function<bool(std::string_view)> onData;
 };
 
 struct HttpResponse {

@@ -125,8 +125,7 @@ void ProxySwitch::checkSelectedProxyConnectivity(BoolCompletion completion) {
 void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion) {
   net::HttpRequest probe;
   probe.url =
-      controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group) +
-      "/delay?timeout=6000&url=" + controller::percentEncodePathComponent(connectivityCheckUrl_);
+      controller::delayTestUrl(controller_.base(), "proxies", group, 6000, connectivityCheckUrl_);
   probe.timeout = std::chrono::seconds(8);
   controller_.authorize(probe);
   session_.send(std::move(probe), [this, group, completion = std::move(completion)](
@@ -148,24 +147,31 @@ void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion
   });
 }
 
-void ProxySwitch::restoreProxyIfNeeded() {
+void ProxySwitch::restoreProxyIfNeeded(std::function<void(bool, std::string)> done) {
   if (!systemProxy_.isSystemProxyDesired()) return;
   log_.message("native.proxy.restore.start");
-  ensureCore_([this](bool ready) {
+  const auto tell = [done](bool connected, const char* reason) {
+    if (done) done(connected, reason);
+  };
+  ensureCore_([this, tell](bool ready) {
     if (!ready) {
       log_.message("native.proxy.restore.noController");
       // Nothing serves the proxy port: off for now, while the saved wish stays for next time.
       systemProxy_.suspend("startup.noController");
+      tell(false, "coreStopped");
       return;
     }
-    selection_.reapplyLastSelectedProxyIfNeeded([this] {
-      checkSelectedProxyConnectivity([this](bool available) {
+    selection_.reapplyLastSelectedProxyIfNeeded([this, tell] {
+      checkSelectedProxyConnectivity([this, tell](bool available) {
         if (available) {
-          systemProxy_.requestSystemProxy(true, "startup.restore",
-                                          [this] { log_.message("native.proxy.restore.ok"); });
+          systemProxy_.requestSystemProxy(true, "startup.restore", [this, tell] {
+            log_.message("native.proxy.restore.ok");
+            tell(true, "restored");
+          });
         } else {
-          systemProxy_.requestSystemProxy(false, "startup.unavailable", [this] {
+          systemProxy_.requestSystemProxy(false, "startup.unavailable", [this, tell] {
             log_.message("native.proxy.restore.unavailable");
+            tell(false, "nodeUnavailable");
           });
         }
       });

@@ -38,8 +38,9 @@ class ProxySwitch {
   // GLOBAL in global mode, the remembered group when the page named one; nothing to test (true)
   // in direct mode.
   void checkSelectedProxyConnectivity(BoolCompletion completion);
-  // Switches the system proxy back on after a passing check when the user left it on.
-  void restoreProxyIfNeeded();
+  // Switches the system proxy back on after a passing check when the user left it on; `done`
+  // hears whether the proxy ended connected, and why, once a restore has run.
+  void restoreProxyIfNeeded(std::function<void(bool connected, std::string reason)> done = {});
 
  private:
   void probeGroup(const std::string& group, BoolCompletion completion);

@@ -50,6 +50,7 @@ void fillDataFiles(Paths& p) {
   p.settings = p.appSupport / "qevjs-local.json";
   p.log = p.appSupport / "native-webview.log";
   p.instanceLock = p.appSupport / ".qevjs-instance.lock";
+  p.subscriptionRecord = p.appSupport / ".qevjs-subscription.dat";
 }
 
 }  // namespace

@@ -35,6 +35,7 @@ struct Paths {
   fs::path legacyConfigYaml;    // "config.yaml"
   fs::path protectedRawConfig;  // ".qevjs-subscribe.dat"
   fs::path protectedConfig;     // ".qevjs-config.dat"
+  fs::path subscriptionRecord;  // ".qevjs-subscription.dat": link, usage, update times
   fs::path settings;            // "qevjs-local.json"
   fs::path libs;                // shipped executables and geo data
   fs::path appBundle;           // what the auto-launch entry starts

@@ -25,9 +25,16 @@ bool isHttpUrl(const std::string& text) {
   return url && (url->scheme == "http" || url->scheme == "https");
 }
 
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
 }  // namespace
 
-ConfigCommands::ConfigCommands(ConfigCommandsDeps deps) : deps_(std::move(deps)) {}
+ConfigCommands::ConfigCommands(ConfigCommandsDeps deps)
+    : deps_(std::move(deps)), records_(deps_.paths.subscriptionRecord, deps_.files) {}
 
 Json ConfigCommands::configPayload() const {
   Json payload = {
@@ -39,6 +46,7 @@ Json ConfigCommands::configPayload() const {
       {"mode", deps_.settings.readModeSetting()},
       {"autoLaunch", deps_.settings.isAutoLaunchEnabled()},
       {"proxyEnabled", deps_.systemProxy.isSystemProxyDesired()},
+      {"subscriptionInfo", subscriptionInfoJson(records_.load())},
   };
   // Every frontend variant finds the selected node under the key it reads.
   const std::string name(base::trimWhitespace(deps_.selection.get().name));
@@ -84,38 +92,55 @@ bool ConfigCommands::forwardMode(const Json& args, const Resolve& resolve, const
   return mode.has_value();
 }
 
-void ConfigCommands::download(const std::string& url, Resolve resolve, Reject reject) {
+void ConfigCommands::fetch(const std::string& url, std::function<void(Result<Fetched>)> done) {
   net::HttpRequest request;
   request.url = url;
   request.timeout = std::chrono::seconds(60);
   request.headers = {{"User-Agent", "clash.meta"}};
   request.maxBodyBytes = kMaxSubscriptionBytes;
-  deps_.session.send(std::move(request), [this, resolve, reject](Result<net::HttpResponse> reply) {
-    if (!reply) {
-      if (net::isBodyTooLarge(reply.error())) {
-        rejectInvalid("larger than " + net::describeMebibytes(kMaxSubscriptionBytes), reject);
-      } else {
-        reject(reply.error());
-      }
+  deps_.session.send(
+      std::move(request), [this, url, done = std::move(done)](Result<net::HttpResponse> reply) {
+        if (!reply) {
+          if (net::isBodyTooLarge(reply.error())) {
+            done(invalid("larger than " + net::describeMebibytes(kMaxSubscriptionBytes)));
+          } else {
+            done(reply.error());
+          }
+          return;
+        }
+        const auto& response = reply.value();
+        if (response.status < 200 || response.status > 299) {
+          done(BridgeError::native(static_cast<int>(response.status),
+                                   "subscribe HTTP " + std::to_string(response.status)));
+          return;
+        }
+        // Nothing stored, applied or restarted unless the core could run the answer.
+        const std::string_view body = config::withoutByteOrderMark(response.body);
+        if (const auto reason = config::unusableSubscriptionReason(body)) {
+          done(invalid(*reason));
+          return;
+        }
+        done(Fetched{std::string(body), recordOfDownload(url, response.headers, unixNow())});
+      });
+}
+
+std::optional<BridgeError> ConfigCommands::store(const Fetched& fetched) {
+  if (auto ec = deps_.files.writeProtectedData(fetched.body, deps_.paths.protectedRawConfig)) {
+    return BridgeError::system(ec.message() + ": " + deps_.paths.protectedRawConfig.string());
+  }
+  if (const auto ec = records_.save(fetched.record)) {
+    deps_.log.message("native.subscribe.record.error: " + ec.message());
+  }
+  return deps_.runtimeConfig.normalizeTmpYaml(deps_.settings.readTunSetting());
+}
+
+void ConfigCommands::download(const std::string& url, Resolve resolve, Reject reject) {
+  fetch(url, [this, resolve, reject](Result<Fetched> fetched) {
+    if (!fetched) {
+      reject(fetched.error());
       return;
     }
-    const auto& response = reply.value();
-    if (response.status < 200 || response.status > 299) {
-      reject(BridgeError::native(static_cast<int>(response.status),
-                                 "subscribe HTTP " + std::to_string(response.status)));
-      return;
-    }
-    // Nothing stored, applied or restarted unless the core could run the answer.
-    const std::string_view body = config::withoutByteOrderMark(response.body);
-    if (const auto reason = config::unusableSubscriptionReason(body)) {
-      rejectInvalid(*reason, reject);
-      return;
-    }
-    if (auto ec = deps_.files.writeProtectedData(body, deps_.paths.protectedRawConfig)) {
-      reject(BridgeError::system(ec.message() + ": " + deps_.paths.protectedRawConfig.string()));
-      return;
-    }
-    if (auto error = deps_.runtimeConfig.normalizeTmpYaml(deps_.settings.readTunSetting())) {
+    if (auto error = store(fetched.value())) {
       reject(std::move(*error));
       return;
     }
@@ -129,9 +154,37 @@ void ConfigCommands::download(const std::string& url, Resolve resolve, Reject re
   });
 }
 
-void ConfigCommands::rejectInvalid(std::string_view reason, const Reject& reject) const {
+void ConfigCommands::refresh(std::function<void(BoolCompletion)> applyToRunningCore,
+                             RefreshCompletion done) {
+  const auto stored = records_.load();
+  if (!stored) {
+    done(Refresh::kNoLink);
+    return;
+  }
+  fetch(stored->url, [this, applyToRunningCore = std::move(applyToRunningCore),
+                      done = std::move(done)](Result<Fetched> fetched) {
+    if (!fetched) {
+      done(fetched.error());
+      return;
+    }
+    const auto previous = deps_.files.readProtectedData(deps_.paths.protectedRawConfig);
+    if (previous && *previous == fetched.value().body) {
+      // Only the account's numbers moved: nothing to apply.
+      (void)records_.save(fetched.value().record);
+      done(Refresh::kUnchanged);
+      return;
+    }
+    if (auto error = store(fetched.value())) {
+      done(std::move(*error));
+      return;
+    }
+    applyToRunningCore([done](bool) { done(Refresh::kUpdated); });
+  });
+}
+
+BridgeError ConfigCommands::invalid(std::string_view reason) const {
   deps_.log.message("native.subscribe.invalid: " + std::string(reason));
-  reject(config::invalidSubscriptionError());
+  return config::invalidSubscriptionError();
 }
 
 void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject reject) {

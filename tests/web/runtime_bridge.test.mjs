@@ -46,6 +46,17 @@ describe('bridge client', () => {
     });
   });
 
+  it('hands native events to page listeners as DOM events', async () => {
+    await withPage({}, async (page, window) => {
+      const heard = [];
+      window.addEventListener('native:proxyState', (event) => heard.push(plain(event.detail)));
+      window.addEventListener('native:proxyState', () => { throw new Error('a bad listener'); });
+      window.__nativeBridgeEvent('proxyState', { connected: false, reason: 'coreStopped' });
+      window.__nativeBridgeEvent('traffic', { up: 1 });
+      assert.deepEqual(heard, [{ connected: false, reason: 'coreStopped' }]);
+    });
+  });
+
   it('rejects with the native message, or a generic one when it is empty', async () => {
     await withPage({}, async (page, window) => {
       const failing = window.clash.startProxy();

@@ -99,6 +99,17 @@ class DesktopShell {
     if (shell->bridge_) shell->bridge_->log().message("native.app.sessionEnding");
   }
 
+  static void onMapped(GtkWidget*, gpointer self) {
+    if (auto* shell = static_cast<DesktopShell*>(self); shell->bridge_) {
+      shell->bridge_->setPageVisible(true);
+    }
+  }
+  static void onUnmapped(GtkWidget*, gpointer self) {
+    if (auto* shell = static_cast<DesktopShell*>(self); shell->bridge_) {
+      shell->bridge_->setPageVisible(false);
+    }
+  }
+
   static gboolean onDeleteEvent(GtkWidget* window, GdkEvent*, gpointer) {
     gtk_widget_hide(window);  // closing only hides; the tray brings it back
     return TRUE;
@@ -144,13 +155,16 @@ class DesktopShell {
     gtk_window_set_resizable(GTK_WINDOW(window_), FALSE);
     gtk_window_set_position(GTK_WINDOW(window_), GTK_WIN_POS_CENTER);
     g_signal_connect(window_, "delete-event", G_CALLBACK(onDeleteEvent), nullptr);
+    // Live numbers go to the page only while someone can see them.
+    g_signal_connect(window_, "map", G_CALLBACK(onMapped), this);
+    g_signal_connect(window_, "unmap", G_CALLBACK(onUnmapped), this);
     gtk_container_add(GTK_CONTAINER(window_), webView_->widget());
     gtk_widget_show(webView_->widget());
 
     tray_ = std::make_unique<TrayItem>(G_APPLICATION(application_), kApplicationId,
                                        resources / "icons");
     webView_->load(kStartPageUrl);
-    bridge_->restoreProxyIfNeeded();
+    bridge_->start();
     showWindow();
   }
 

@@ -168,7 +168,7 @@ int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
     state->queue->post([] {});  // wake the loop
   }).detach();
 
-  bridge.restoreProxyIfNeeded();
+  bridge.start();
 
   std::thread([state, &in, &bridge, &err] {
     std::string line;

@@ -154,11 +154,12 @@ Reply preflight(const httplib::Request& request, const CoreRuntime& runtime) {
 }  // namespace
 
 Controller::Controller(CoreRuntime& runtime, const Knobs& knobs, CoreLog& log,
-                       JsonLinesFile& requestLog)
+                       JsonLinesFile& requestLog, ConnectionTable& connections)
     : runtime_(runtime),
       knobs_(knobs),
       log_(log),
       requestLog_(requestLog),
+      connections_(connections),
       server_(std::make_unique<httplib::Server>()) {}
 
 Controller::~Controller() {
@@ -243,6 +244,7 @@ void Controller::serve(const httplib::Request& request, const std::string& body,
     hangReleased_.wait(lock, [this] { return stopping_; });
     return;
   }
+  if (serveStream(request, response)) return;
   Reply reply = route(request, body);
   if (request.has_header("Origin") && request.method != "OPTIONS") {
     if (const auto grant = runtime_.corsGrant(request.get_header_value("Origin"))) {
@@ -288,10 +290,11 @@ Reply Controller::route(const httplib::Request& request, const std::string& body
     return jsonReply(200, {{"meta", true}, {"version", "v1.19.0"}});
   }
   // Mounted routers: the secret is checked first.
-  if (first == "configs" || first == "proxies" || first == "connections") {
+  if (first == "configs" || first == "proxies" || first == "connections" || first == "group") {
     if (!authorised(request)) return unauthorised;
     if (first == "configs") return routeConfigs(request, body, rest, query);
     if (first == "proxies") return routeProxies(request, body, rest, query);
+    if (first == "group") return routeGroups(request, rest, query);
     return routeConnections(request, rest);
   }
   return notFound();
@@ -384,17 +387,83 @@ Reply Controller::routeConnections(const httplib::Request& request,
                                    const std::vector<std::string>& rest) {
   const std::string& method = request.method;
   if (atRoot(rest)) {
-    if (method == "DELETE") return noContent();
-    if (method == "GET") {
-      return jsonReply(200, {{"downloadTotal", 0},
-                             {"uploadTotal", 0},
-                             {"connections", nlohmann::json::array()},
-                             {"memory", 0}});
+    if (method == "DELETE") {
+      connections_.closeAll();
+      return noContent();
     }
+    if (method == "GET") return jsonReply(200, connections_.snapshot());
     return methodNotAllowed();
   }
-  if (rest.size() == 1) return method == "DELETE" ? noContent() : methodNotAllowed();
+  if (rest.size() == 1) {
+    if (method != "DELETE") return methodNotAllowed();
+    connections_.close(unescape(rest[0], false).value_or(rest[0]));
+    return noContent();  // an unknown id too
+  }
   return notFound();
+}
+
+Reply Controller::routeGroups(const httplib::Request& request, const std::vector<std::string>& rest,
+                              const std::string& query) {
+  if (request.method != "GET") return methodNotAllowed();
+  if (atRoot(rest)) {
+    nlohmann::json groups = nlohmann::json::array();
+    for (const auto& [name, entry] : runtime_.proxies().items()) {
+      if (entry.contains("all")) groups.push_back(entry);
+    }
+    return jsonReply(200, {{"proxies", groups}});
+  }
+  if (rest.size() != 2 || rest[1] != "delay") return notFound();
+  const std::string name = unescape(rest[0], false).value_or(rest[0]);
+  const auto timeout = parseInt16(queryValue(query, "timeout").value_or(""));
+  if (!timeout) return bodyInvalid();
+  const auto answered =
+      runtime_.groupDelayTest(name, *timeout, queryValue(query, "url").value_or(""));
+  if (!answered) return messageReply(404, "Resource not found");
+  if (answered->empty()) return messageReply(504, "get delay: all proxies timeout");
+  return jsonReply(200, *answered);
+}
+
+bool Controller::serveStream(const httplib::Request& request, httplib::Response& response) {
+  const std::string& target = request.target;
+  const std::size_t question = target.find('?');
+  const std::string path = target.substr(0, question);
+  if (request.method != "GET" || (path != "/traffic" && path != "/logs")) return false;
+  const auto refuse = [&response](int status, const std::string& message) {
+    response.status = status;
+    response.set_content(nlohmann::json{{"message", message}}.dump() + "\n", "application/json");
+    return true;
+  };
+  if (!authorised(request)) return refuse(401, "Unauthorized");
+  response.status = 200;
+  if (path == "/traffic") {
+    // One sample a second of what passed through the inbound ports meanwhile.
+    response.set_chunked_content_provider(
+        "application/json",
+        [this, last = connections_.totals()](std::size_t, httplib::DataSink& sink) mutable {
+          std::this_thread::sleep_for(std::chrono::seconds(1));
+          const auto now = connections_.totals();
+          const std::string line =
+              nlohmann::json{{"up", now.first - last.first}, {"down", now.second - last.second}}
+                  .dump() +
+              "\n";
+          last = now;
+          return sink.write(line.data(), line.size());
+        });
+    return true;
+  }
+  const std::string query = question == std::string::npos ? "" : target.substr(question + 1);
+  const auto level = logLevelFromName(queryValue(query, "level").value_or("info"));
+  if (!level) return refuse(400, "Body invalid");
+  auto subscription = log_.subscribe(*level);
+  response.set_chunked_content_provider(
+      "application/json",
+      [subscription](std::size_t, httplib::DataSink& sink) {
+        const auto line = subscription->take(std::chrono::seconds(1));
+        if (!line) return sink.is_writable();
+        return sink.write(line->data(), line->size());
+      },
+      [this, subscription](bool) { log_.unsubscribe(subscription); });
+  return true;
 }
 
 }  // namespace fake_core

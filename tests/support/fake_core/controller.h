@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "connections.h"
 #include "core_log.h"
 #include "json_lines.h"
 #include "knobs.h"
@@ -33,7 +34,8 @@ struct Reply {
 // real controller answers them (see /work/shared/core-controller.md for what is mirrored).
 class Controller {
  public:
-  Controller(CoreRuntime& runtime, const Knobs& knobs, CoreLog& log, JsonLinesFile& requestLog);
+  Controller(CoreRuntime& runtime, const Knobs& knobs, CoreLog& log, JsonLinesFile& requestLog,
+             ConnectionTable& connections);
   ~Controller();
   Controller(const Controller&) = delete;
   Controller& operator=(const Controller&) = delete;
@@ -51,12 +53,17 @@ class Controller {
   Reply routeProxies(const httplib::Request& request, const std::string& body,
                      const std::vector<std::string>& rest, const std::string& query);
   Reply routeConnections(const httplib::Request& request, const std::vector<std::string>& rest);
+  Reply routeGroups(const httplib::Request& request, const std::vector<std::string>& rest,
+                    const std::string& query);
+  // GET /traffic and /logs: JSON lines until the client goes. False when not a stream route.
+  bool serveStream(const httplib::Request& request, httplib::Response& response);
   bool authorised(const httplib::Request& request) const;
 
   CoreRuntime& runtime_;
   const Knobs& knobs_;
   CoreLog& log_;
   JsonLinesFile& requestLog_;
+  ConnectionTable& connections_;
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
   std::mutex hangMutex_;

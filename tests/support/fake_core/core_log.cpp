@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
+
 namespace fake_core {
 
 std::optional<LogLevel> logLevelFromName(std::string_view name) {
@@ -106,7 +108,45 @@ std::string logValue(std::string_view text) {
   return out;
 }
 
+void LogSubscription::offer(LogLevel level, const std::string& levelName,
+                            std::string_view message) {
+  if (level < level_) return;
+  const nlohmann::json line = {{"type", levelName}, {"payload", std::string(message)}};
+  {
+    std::lock_guard lock(mutex_);
+    if (lines_.size() >= 4096) lines_.pop_front();  // a reader that stalls loses the oldest
+    lines_.push_back(line.dump() + "\n");
+  }
+  arrived_.notify_one();
+}
+
+std::optional<std::string> LogSubscription::take(std::chrono::milliseconds wait) {
+  std::unique_lock lock(mutex_);
+  if (!arrived_.wait_for(lock, wait, [this] { return !lines_.empty(); })) return std::nullopt;
+  std::string line = std::move(lines_.front());
+  lines_.pop_front();
+  return line;
+}
+
+std::shared_ptr<LogSubscription> CoreLog::subscribe(LogLevel level) {
+  auto subscription = std::make_shared<LogSubscription>(level);
+  std::lock_guard lock(subscribersMutex_);
+  subscribers_.push_back(subscription);
+  return subscription;
+}
+
+void CoreLog::unsubscribe(const std::shared_ptr<LogSubscription>& subscription) {
+  std::lock_guard lock(subscribersMutex_);
+  std::erase(subscribers_, subscription);
+}
+
 void CoreLog::write(LogLevel level, std::string_view levelName, std::string_view message) {
+  {
+    std::lock_guard lock(subscribersMutex_);
+    for (const auto& subscriber : subscribers_) {
+      subscriber->offer(level, std::string(levelName), message);
+    }
+  }
   const LogLevel threshold = level_.load();
   if (threshold == LogLevel::kSilent || level < threshold) return;
   emit(levelName, message);

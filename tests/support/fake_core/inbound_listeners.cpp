@@ -65,11 +65,17 @@ void InboundListeners::recreate(Listener& listener, int port, const std::string&
   listener.fd = fd;
   listener.port = boundPort(fd);
   listener.host = host;
-  listener.acceptor = std::thread([fd] {
+  const bool servesHttp = &listener == &http_ || &listener == &mixed_;
+  std::function<void(int)> handler = servesHttp ? httpClientHandler_ : nullptr;
+  listener.acceptor = std::thread([fd, handler] {
     for (;;) {
       const int connection = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
       if (connection >= 0) {
-        ::close(connection);
+        if (handler) {
+          std::thread([handler, connection] { handler(connection); }).detach();
+        } else {
+          ::close(connection);
+        }
       } else if (errno != EINTR && errno != ECONNABORTED) {
         return;
       }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <utility>
 #include <vector>
@@ -22,6 +23,11 @@ struct InboundPorts {
 class InboundListeners {
  public:
   explicit InboundListeners(CoreLog& log);
+  // Who serves clients of the HTTP and mixed ports (each on a thread of its own); until set,
+  // and on the other ports, connections are accepted and closed at once.
+  void setHttpClientHandler(std::function<void(int fd)> handler) {
+    httpClientHandler_ = std::move(handler);
+  }
   ~InboundListeners();
   InboundListeners(const InboundListeners&) = delete;
   InboundListeners& operator=(const InboundListeners&) = delete;
@@ -49,6 +55,7 @@ class InboundListeners {
   static void close(Listener& listener);
 
   CoreLog& log_;
+  std::function<void(int)> httpClientHandler_;
   Listener http_{"HTTP proxy", "HTTP"};
   Listener socks_{"SOCKS proxy", "SOCKS"};
   Listener mixed_{"Mixed(http+socks) proxy", "Mixed(http+socks)"};

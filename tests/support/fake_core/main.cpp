@@ -18,6 +18,7 @@
 #include "controller.h"
 #include "core_log.h"
 #include "flags.h"
+#include "http_inbound.h"
 #include "inbound_listeners.h"
 #include "json_lines.h"
 #include "knobs.h"
@@ -153,7 +154,10 @@ int run(const std::vector<std::string>& args) {
   JsonLinesFile configLog(knobs.configLog);
   JsonLinesFile requestLog(knobs.requestLog);
   InboundListeners listeners(log);
+  ConnectionTable connections;
   CoreRuntime runtime(launch, knobs, log, listeners, configLog);
+  InboundContext inbound{connections, log, [&runtime] { return runtime.route(); }};
+  listeners.setHttpClientHandler([&inbound](int client) { serveHttpProxyClient(client, inbound); });
 
   LoadResult loaded;
   if (!flags.configText.empty()) {
@@ -182,7 +186,7 @@ int run(const std::vector<std::string>& args) {
     exitNow(1);
   }
 
-  Controller controller(runtime, knobs, log, requestLog);
+  Controller controller(runtime, knobs, log, requestLog, connections);
   const std::string controllerAddress =
       flags.extCtl.empty() ? loaded.config->externalController : flags.extCtl;
   // The controller listens slightly before the configuration is applied, as in the core.

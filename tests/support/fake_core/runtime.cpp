@@ -45,6 +45,18 @@ void CoreRuntime::apply(const CoreConfig& config, bool force) {
   geoAutoUpdate_ = config.geoAutoUpdate;
   tun_ = config.tun;
   secret_ = launch_.secretOverride.value_or(config.secret);
+  matchTarget_ = "DIRECT";
+  for (const auto& rule : config.rules) {
+    const auto comma = rule.find(',');
+    std::string type = rule.substr(0, comma);
+    std::erase(type, ' ');
+    if (comma == std::string::npos || (type != "MATCH" && type != "match")) continue;
+    std::string target = rule.substr(comma + 1);
+    target = target.substr(0, target.find(','));
+    const auto first = target.find_first_not_of(' ');
+    const auto last = target.find_last_not_of(' ');
+    if (first != std::string::npos) matchTarget_ = target.substr(first, last - first + 1);
+  }
   corsOrigins_ = config.corsOrigins;
   corsPrivateNetwork_ = config.corsPrivateNetwork;
   log_.setLevel(config.logLevel);
@@ -171,6 +183,46 @@ CoreRuntime::DelayAnswer CoreRuntime::delayTest(const std::string& name, int tim
   }
   table_.recordDelay(name, knobs_.delayMs, now);
   return {200, knobs_.delayMs};
+}
+
+std::optional<nlohmann::json> CoreRuntime::groupDelayTest(const std::string& name, int timeoutMs,
+                                                          const std::string& url) {
+  std::vector<std::string> members;
+  {
+    std::lock_guard lock(mutex_);
+    const auto entry = table_.entryJson(name);
+    if (!entry || !entry->value("all", nlohmann::json()).is_array()) return std::nullopt;
+    for (const auto& member : (*entry)["all"]) members.push_back(member.get<std::string>());
+  }
+  nlohmann::json answered = nlohmann::json::object();
+  for (const auto& member : members) {
+    const DelayAnswer answer = delayTest(member, timeoutMs, url);
+    if (answer.status == 200) answered[member] = answer.delay;
+  }
+  return answered;
+}
+
+Route CoreRuntime::route() const {
+  std::lock_guard lock(mutex_);
+  const auto chainOf = [this](const std::string& entry) {
+    std::vector<std::string> path = table_.delayPath(entry);
+    return std::vector<std::string>(path.rbegin(), path.rend());
+  };
+  const auto describe = [](const std::vector<std::string>& chains) {
+    if (chains.size() <= 1) return chains.empty() ? std::string() : chains.front();
+    return chains.back() + "[" + chains.front() + "]";
+  };
+  switch (mode_) {
+    case Mode::kGlobal:
+      return {chainOf("GLOBAL"), "", "", "using GLOBAL"};
+    case Mode::kDirect:
+      return {{"DIRECT"}, "", "", "using DIRECT"};
+    case Mode::kRule:
+      break;
+  }
+  auto chains = chainOf(matchTarget_);
+  const std::string suffix = "match Match using " + describe(chains);
+  return {std::move(chains), "Match", "", suffix};
 }
 
 nlohmann::ordered_json CoreRuntime::general() const {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "config.h"
+#include "connections.h"
 #include "core_log.h"
 #include "inbound_listeners.h"
 #include "json_lines.h"
@@ -59,6 +60,11 @@ class CoreRuntime {
   ProxyTable::SelectResult select(const std::string& group, const std::string& member);
   bool unpin(const std::string& group);
   DelayAnswer delayTest(const std::string& name, int timeoutMs, const std::string& url);
+  // GET /group/{name}/delay: every member tested; none when `name` is no group.
+  std::optional<nlohmann::json> groupDelayTest(const std::string& name, int timeoutMs,
+                                               const std::string& url);
+  // How a new connection is routed now: mode, the catch-all rule and the selections.
+  Route route() const;
 
   nlohmann::ordered_json general() const;
   // Applies a PATCH /configs body; false (nothing applied) when a value is invalid.
@@ -85,6 +91,7 @@ class CoreRuntime {
   bool geoAutoUpdate_ = false;
   TunSettings tun_;
   std::string secret_;
+  std::string matchTarget_ = "DIRECT";  // the target of the MATCH rule
   std::vector<std::string> corsOrigins_{"*"};
   bool corsPrivateNetwork_ = true;
 };
