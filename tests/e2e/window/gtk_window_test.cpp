@@ -17,8 +17,11 @@
 
 #include "base/json.h"
 #include "base/strings.h"
+#include "config/runtime_config_text.h"
 #include "gtk/desktop_session.h"
 #include "loopback_site.h"
+#include "storage/profile.h"
+#include "storage/protected_files.h"
 #include "temp_home.h"
 #include "test_config.h"
 #include "test_processes.h"
@@ -74,9 +77,9 @@ class DesktopWindowTest : public ::testing::Test {
     writeText(resources_ / "dist/scenario.js", script);
   }
 
-  DesktopQev& start() {
+  DesktopQev& start(desktop::Env env = {}) {
     app_ = std::make_unique<DesktopQev>(
-        DesktopQev::Options{kQevBinary, home_, resources_, root_.path() / "scratch", {}});
+        DesktopQev::Options{kQevBinary, home_, resources_, root_.path() / "scratch", env});
     return *app_;
   }
 
@@ -192,6 +195,43 @@ TEST_F(DesktopWindowTest, PageTalksToTheBridgeThroughTheRuntimeScript) {
   ASSERT_TRUE(fetched) << app.waitForLog("probe.fetchError", 1s).value_or("");
   EXPECT_EQ(Json::parse(*fetched), Json({{"served", "从磁盘读取"}}));
   EXPECT_EQ(app.countLog("native.webview.loadFailed"), 0u);
+}
+
+TEST_F(DesktopWindowTest, NativeEventsReachThePageWhileTheWindowShows) {
+  // A stored subscription, the proxy left on, and a core that takes its time to start: the
+  // restore finishes while the page listens, and traffic samples follow once a second.
+  storage::Environment environment;
+  environment.home = home_;
+  environment.userName = storage::Environment::fromProcess().userName;
+  const auto profile = storage::Profile::forLinux(environment);
+  fs::create_directories(profile.paths.appSupport);
+  const storage::ProtectedFiles files(profile.paths, environment.userName);
+  const std::string subscription =
+      "proxies:\n  - {name: HK-01, type: ss, server: a.example.com, port: 443, "
+      "cipher: aes-128-gcm, password: p}\n"
+      "proxy-groups:\n  - {name: SELECT, type: select, proxies: [HK-01]}\n"
+      "rules:\n  - MATCH,SELECT\n";
+  ASSERT_FALSE(files.writeProtectedData(subscription, profile.paths.protectedRawConfig));
+  ASSERT_FALSE(files.writeProtectedData(config::buildRuntimeConfigText(subscription, "rule", false),
+                                        profile.paths.protectedConfig));
+  writeText(profile.paths.settings, R"({"proxyEnabled": true})");
+  writeScenario(R"js(
+    window.addEventListener('native:proxyState', (e) => probe.report('proxyState', e.detail));
+    let samples = 0;
+    window.addEventListener('native:traffic', (e) => {
+      if (samples++ === 0) probe.report('traffic', Object.keys(e.detail).sort());
+    });
+  )js");
+  auto& app = start({{"QEV_MIHOMO", kFakeCore},
+                     {"FAKE_CORE_START_DELAY_MS", "3000"},
+                     {"GSETTINGS_BACKEND", "memory"}});
+  waitForMainWindow();
+  const auto state = app.waitForLog("probe.proxyState", 90s);
+  ASSERT_TRUE(state) << qevOutput();
+  EXPECT_EQ(Json::parse(*state), Json({{"connected", true}, {"reason", "restored"}}));
+  const auto traffic = app.waitForLog("probe.traffic", 30s);
+  ASSERT_TRUE(traffic);
+  EXPECT_EQ(Json::parse(*traffic), Json({"down", "downTotal", "up", "upTotal"}));
 }
 
 TEST_F(DesktopWindowTest, ExternalLinksLeaveTheWindowAndNoSecondWindowOpens) {
