@@ -1,6 +1,9 @@
 # Values the deployment decides. They reach the code through one generated header.
 set(QEV_DISPLAY_NAME "QEV" CACHE STRING "Application display name")
-set(QEV_CLIENT_VERSION "5.1.0" CACHE STRING "Client version compared by the update check")
+set(QEV_CLIENT_VERSION "${PROJECT_VERSION}" CACHE STRING
+    "Client version compared by the update check")
+set(QEV_APPLICATION_ID "com.qevjs.native" CACHE STRING
+    "Desktop application id (GApplication, window class, AppStream component)")
 set(QEV_PANEL_API_BASE "https://panel.example.com" CACHE STRING
     "Fallback panel API base (kept in the binary only enciphered)")
 set(QEV_REMOTE_CONFIG_URL "https://config.example.com/qev/config.json" CACHE STRING

@@ -1,25 +1,61 @@
-#include <cstring>
 #include <iostream>
+#include <string_view>
 
 #include "app/guard_mode.h"
 #include "app/headless/headless_shell.h"
 #include "guard/crash_guard.h"
+#include "qev/deployment.h"
 #include "storage/profile.h"
 
 #ifdef QEV_HAVE_GTK
 #include "app/gtk/gtk_shell.h"
 #endif
 
+namespace {
+
+constexpr std::string_view kHelp = R"(Usage: qev [--headless | --version | --help]
+
+A desktop client for a subscription proxy service: a tray icon and one small window.
+
+Options:
+  --headless  run without a window: one JSON message per line on standard input
+              ({"id":"1","name":"getSettings","args":[]}), one answer or event per line
+              on standard output
+  --version   print the version and exit
+  --help      print this help and exit
+
+Environment:
+  QEV_API_BASE       replaces the built-in panel API base (self-hosted panels)
+  QEV_RESOURCES_DIR  the resources folder (default: ../share/qev beside the program)
+  QEV_MIHOMO         the proxy core binary the launcher starts
+  HOME, XDG_DATA_HOME, XDG_CONFIG_HOME
+                     where the data folder and the autostart entry live
+)";
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  const auto environment = qev::storage::Environment::fromProcess();
+  bool headless = false;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], qev::guard::kGuardArgument) == 0) {
-      return qev::app::runGuardMode(environment);
+    const std::string_view argument = argv[i];
+    if (argument == qev::guard::kGuardArgument) {
+      return qev::app::runGuardMode(qev::storage::Environment::fromProcess());
     }
-    if (std::strcmp(argv[i], "--headless") == 0) {
-      return qev::app::runHeadless(std::cin, std::cout, std::cerr, environment);
+    if (argument == "--headless") {
+      headless = true;
+    } else if (argument == "--version") {
+      std::cout << "qev " << qev::deployment::kClientVersion << "\n";
+      return 0;
+    } else if (argument == "--help" || argument == "-h") {
+      std::cout << kHelp;
+      return 0;
+    } else {
+      std::cerr << "qev: unknown option " << argument << "; see qev --help\n";
+      return 2;
     }
   }
+  const auto environment = qev::storage::Environment::fromProcess();
+  if (headless) return qev::app::runHeadless(std::cin, std::cout, std::cerr, environment);
 #ifdef QEV_HAVE_GTK
   return qev::app::runGtk(argc, argv, environment);
 #else

@@ -14,19 +14,44 @@ std::string escapePlistString(std::string_view text) {
 }
 
 std::string escapeDesktopExec(std::string_view path) {
-  constexpr std::string_view kSpecial = "\"`$\\";
-  constexpr std::string_view kBlanks = " \t";
-  if (path.find_first_of(kSpecial) == std::string_view::npos &&
-      path.find_first_of(kBlanks) == std::string_view::npos) {
-    return std::string(path);
+  // Three layers, innermost first: the argument quoting of the Exec key, the doubled percent
+  // of field codes, and the escapes of every desktop-entry string value.
+  constexpr std::string_view kReserved = " \t\n\"'\\><~|&;$*?#()`";
+  constexpr std::string_view kEscapedInQuotes = "\"`$\\";
+  std::string argument;
+  if (path.find_first_of(kReserved) == std::string_view::npos) {
+    argument = path;
+  } else {
+    argument = "\"";
+    for (const char c : path) {
+      if (kEscapedInQuotes.find(c) != std::string_view::npos) argument += '\\';
+      argument += c;
+    }
+    argument += '"';
   }
-  std::string out = "\"";
-  for (char c : path) {
-    if (kSpecial.find(c) != std::string_view::npos) out += '\\';
-    out += c;
+  std::string value;
+  for (const char c : argument) {
+    switch (c) {
+      case '%':
+        value += "%%";
+        break;
+      case '\\':
+        value += "\\\\";
+        break;
+      case '\n':
+        value += "\\n";
+        break;
+      case '\t':
+        value += "\\t";
+        break;
+      case '\r':
+        value += "\\r";
+        break;
+      default:
+        value += c;
+    }
   }
-  out += '"';
-  return out;
+  return value;
 }
 
 std::string launchAgentPlist(std::string_view bundlePath) {

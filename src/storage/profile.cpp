@@ -25,8 +25,13 @@ std::string loginName() {
 
 fs::path runningExecutable() {
   std::error_code ec;
-  fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? fs::path() : exe;
+  std::string exe = fs::read_symlink("/proc/self/exe", ec).string();
+  if (ec) return {};
+  // A package upgrade replaces the file under a running program: the link then names the old
+  // inode, and the path is still where the new program lives.
+  constexpr std::string_view kReplaced = " (deleted)";
+  if (exe.ends_with(kReplaced)) exe.resize(exe.size() - kReplaced.size());
+  return exe;
 }
 
 std::vector<std::string> stalePatterns(const std::string& currentFolder,

@@ -24,7 +24,7 @@
 namespace qev::app {
 namespace {
 
-constexpr const char* kApplicationId = "com.qevjs.native";
+constexpr const char* kApplicationId = deployment::kApplicationId;
 constexpr int kWindowWidth = 420;
 constexpr int kWindowHeight = 560;
 

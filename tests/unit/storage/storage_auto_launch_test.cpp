@@ -50,14 +50,18 @@ TEST(StorageAutoLaunchTextTest, DesktopEntry) {
 }
 
 TEST(StorageAutoLaunchTextTest, ExecEscaping) {
+  // Quoted for the Exec rules, % doubled, then every backslash doubled for the string value.
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"/opt/qev/bin/qev", "/opt/qev/bin/qev"},   {"/opt/q-e_v.2/qev", "/opt/q-e_v.2/qev"},
-      {"/opt/a b/qev", "\"/opt/a b/qev\""},       {"/opt/a\tb/qev", "\"/opt/a\tb/qev\""},
-      {"/opt/$HOME/qev", "\"/opt/\\$HOME/qev\""}, {"/opt/a\"b/qev", "\"/opt/a\\\"b/qev\""},
-      {"/opt/a`b`/qev", "\"/opt/a\\`b\\`/qev\""}, {"/opt/a\\b/qev", "\"/opt/a\\\\b/qev\""},
-      {"/opt/it's/qev", "/opt/it's/qev"},         {"/opt/x y/$z\\", "\"/opt/x y/\\$z\\\\\""},
+      {"/opt/qev/bin/qev", "/opt/qev/bin/qev"},       {"/opt/q-e_v.2/qev", "/opt/q-e_v.2/qev"},
+      {"/opt/a b/qev", "\"/opt/a b/qev\""},           {"/opt/a\tb/qev", "\"/opt/a\\tb/qev\""},
+      {"/opt/$HOME/qev", "\"/opt/\\\\$HOME/qev\""},   {"/opt/a\"b/qev", "\"/opt/a\\\\\"b/qev\""},
+      {"/opt/a`b`/qev", "\"/opt/a\\\\`b\\\\`/qev\""}, {"/opt/a\\b/qev", "\"/opt/a\\\\\\\\b/qev\""},
+      {"/opt/it's/qev", "\"/opt/it's/qev\""},         {"/opt/100%/qev", "/opt/100%%/qev"},
+      {"/opt/50% off/qev", "\"/opt/50%% off/qev\""},  {"/opt/a;b&c|d/qev", "\"/opt/a;b&c|d/qev\""},
   };
-  for (const auto& [path, escaped] : cases) EXPECT_EQ(storage::escapeDesktopExec(path), escaped);
+  for (const auto& [path, escaped] : cases) {
+    EXPECT_EQ(storage::escapeDesktopExec(path), escaped) << path;
+  }
 }
 
 class StorageAutoLaunchTest : public ::testing::TestWithParam<storage::Platform> {
