@@ -4,13 +4,14 @@
 # no core to stream from.
 #
 #   bench/idle_cpu.sh [build dir (default build/release)] [seconds (default 60)]
+# FAKE_CORE names the test core when the build dir has none (a package build has no tests).
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$here/build/release}" && pwd)
 seconds=${2:-60}
 qev=$build/bin/qev
-core=$build/tests/bin/fake_core
+core=${FAKE_CORE:-$build/tests/bin/fake_core}
 for needed in "$qev" "$core"; do
   [ -x "$needed" ] || { echo "idle_cpu: missing $needed (build qev and the tests first)" >&2; exit 2; }
 done

