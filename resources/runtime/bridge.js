@@ -3,14 +3,36 @@
   let bridgeSeq = 1;
   const pendingCalls = new Map();
 
-  function messageHandler(name) {
-    const webkit = window.webkit;
-    const handlers = webkit && webkit.messageHandlers;
-    const handler = handlers && handlers[name];
-    if (!handler || typeof handler.postMessage !== 'function') {
-      throw new Error('native message handler ' + name + ' unavailable');
+  // The native message handlers live in an isolated script world that only a relay of the app
+  // reaches, in the top frame of the app's own origin; no page script and no frame of another
+  // origin can post to them. A message leaves as a document attribute and a synchronous event:
+  // the relay takes the attribute away, so one still present means nobody took it.
+  const NATIVE_MESSAGE_ATTRIBUTE = 'data-qev-native-message';
+  const NATIVE_MESSAGE_EVENT = 'qev-native-message';
+
+  function postToNative(channel, body) {
+    const root = document.documentElement;
+    root.setAttribute(NATIVE_MESSAGE_ATTRIBUTE, JSON.stringify({ channel: channel, body: body }));
+    document.dispatchEvent(new Event(NATIVE_MESSAGE_EVENT));
+    if (root.hasAttribute(NATIVE_MESSAGE_ATTRIBUTE)) {
+      root.removeAttribute(NATIVE_MESSAGE_ATTRIBUTE);
+      throw new Error('native message handler ' + channel + ' unavailable');
     }
-    return handler;
+  }
+
+  function messageHandler(name) {
+    return {
+      postMessage: function (body) {
+        postToNative(name, body);
+      },
+    };
+  }
+
+  // Pages that post to window.webkit.messageHandlers themselves keep working in the app's frame.
+  if (!window.webkit || !window.webkit.messageHandlers) {
+    window.webkit = {
+      messageHandlers: { nativeBridge: messageHandler('nativeBridge'), nativeLog: messageHandler('nativeLog') },
+    };
   }
 
   function nativeLog(message) {

@@ -72,7 +72,7 @@ describe('bridge client', () => {
   it('rejects at once and forgets the id when posting fails', async () => {
     await withPage({}, async (page, window) => {
       page.bridge.failPosting = true;
-      await assert.rejects(window.clash.getConfig(), { message: 'channel closed' });
+      await assert.rejects(window.clash.getConfig(), { message: 'native message handler nativeBridge unavailable' });
       page.bridge.failPosting = false;
       const next = window.clash.getConfig();
       assert.equal(page.bridge.messages[0].id, '2');

@@ -6,6 +6,7 @@
 #include "base/json.h"
 #include "base/strings.h"
 #include "qev/deployment.h"
+#include "qev/resources.h"
 #include "relay/external_links.h"
 
 namespace qev::app {
@@ -13,6 +14,7 @@ namespace {
 
 constexpr const char* kBridgeChannel = "nativeBridge";
 constexpr const char* kLogChannel = "nativeLog";
+constexpr const char* kNativeWorld = "qev-native";
 
 std::string uriOf(WebKitURIRequest* request) {
   const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
@@ -107,12 +109,25 @@ WebViewHost::WebViewHost(bridge::NativeBridge& bridge, std::shared_ptr<const Ass
                    G_CALLBACK(onBridgeMessage), this);
   g_signal_connect(contentManager_, "script-message-received::nativeLog", G_CALLBACK(onLogMessage),
                    this);
-  webkit_user_content_manager_register_script_message_handler(contentManager_, kBridgeChannel);
-  webkit_user_content_manager_register_script_message_handler(contentManager_, kLogChannel);
+  // The handlers exist only in qev's own script world, which page scripts cannot enter; the
+  // relay there, and the runtime in the page's world, run only in the top frame of the app's
+  // own pages. No other frame or origin can reach the native side.
+  webkit_user_content_manager_register_script_message_handler_in_world(
+      contentManager_, kBridgeChannel, kNativeWorld);
+  webkit_user_content_manager_register_script_message_handler_in_world(contentManager_, kLogChannel,
+                                                                       kNativeWorld);
+  const std::string appPages = std::string(kAssetScheme) + "://app/*";
+  const char* const allowList[] = {appPages.c_str(), nullptr};
+  const std::string relay(resources::nativeRelayScript());
+  WebKitUserScript* relayScript = webkit_user_script_new_for_world(
+      relay.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+      WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, kNativeWorld, allowList, nullptr);
+  webkit_user_content_manager_add_script(contentManager_, relayScript);
+  webkit_user_script_unref(relayScript);
   if (!runtimeScript.empty()) {
     WebKitUserScript* script =
-        webkit_user_script_new(runtimeScript.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
-                               WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+        webkit_user_script_new(runtimeScript.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+                               WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, allowList, nullptr);
     webkit_user_content_manager_add_script(contentManager_, script);
     webkit_user_script_unref(script);
   }

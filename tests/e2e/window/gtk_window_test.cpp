@@ -234,6 +234,56 @@ TEST_F(DesktopWindowTest, NativeEventsReachThePageWhileTheWindowShows) {
   EXPECT_EQ(Json::parse(*traffic), Json({"down", "downTotal", "up", "upTotal"}));
 }
 
+TEST_F(DesktopWindowTest, AFrameOfAnotherOriginCannotReachTheNativeSide) {
+  // A third-party page inside the app's window tries every way in it could know of.
+  httplib::Server site;
+  site.Get("/frame.html", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content(R"html(<!doctype html><script>
+      const report = { qevjs: typeof window.__qevjs, clash: typeof window.clash };
+      try {
+        window.webkit.messageHandlers.nativeBridge.postMessage(
+            { id: 'evil', name: 'setTun', args: [true] });
+        report.posted = 'posted';
+      } catch (error) {
+        report.posted = 'refused';
+      }
+      try {
+        top.document.documentElement.setAttribute('data-qev-native-message', '{}');
+        report.topDocument = 'reached';
+      } catch (error) {
+        report.topDocument = 'refused';
+      }
+      parent.postMessage({ frameReport: report }, '*');
+    </script>)html",
+                         "text/html");
+  });
+  const int port = site.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { site.listen_after_bind(); });
+  writeScenario(base::replaceAll(R"js(
+    window.addEventListener('message', (event) => {
+      if (event.data && event.data.frameReport) probe.report('frame', event.data.frameReport);
+    });
+    const frame = document.createElement('iframe');
+    frame.src = 'http://127.0.0.1:@PORT@/frame.html';
+    document.body.appendChild(frame);
+    window.__qevjs.getSettings().then((settings) => probe.report('ownCall', typeof settings));
+  )js",
+                                 "@PORT@", std::to_string(port)));
+  auto& app = start();
+  waitForMainWindow();
+  const auto frame = app.waitForLog("probe.frame", 60s);
+  site.stop();
+  serving.join();
+  ASSERT_TRUE(frame) << qevOutput();
+  EXPECT_EQ(Json::parse(*frame), Json({{"qevjs", "undefined"},
+                                       {"clash", "undefined"},
+                                       {"posted", "refused"},
+                                       {"topDocument", "refused"}}));
+  // The app's own page still reaches the native side; the frame never did.
+  EXPECT_EQ(app.waitForLog("probe.ownCall"), "object");
+  EXPECT_EQ(app.countLog("native.bridge.call: setTun"), 0u);
+}
+
 TEST_F(DesktopWindowTest, ExternalLinksLeaveTheWindowAndNoSecondWindowOpens) {
   LoopbackSite site;
   const std::string origin = site.origin();

@@ -127,31 +127,29 @@ class FakeBridge {
     this.failPosting = false;
   }
 
+  // Stands where the relay of qev's isolated script world stands: it takes what the runtime
+  // posts through the document and hands the native side a serialised copy.
   install(window) {
     const bridge = this;
-    window.webkit = {
-      messageHandlers: {
-        nativeBridge: {
-          postMessage(body) {
-            if (bridge.failPosting) {
-              throw new Error('channel closed');
-            }
-            // The web view hands the native side a serialised copy.
-            const message = JSON.parse(JSON.stringify(body));
-            bridge.messages.push(message);
-            const responder = bridge.responders.get(message.name);
-            if (responder) {
-              setImmediate(() => bridge.runResponder(responder, message));
-            }
-          },
-        },
-        nativeLog: {
-          postMessage(body) {
-            bridge.logs.push(JSON.parse(JSON.stringify(body)).message);
-          },
-        },
-      },
-    };
+    const ATTRIBUTE = 'data-qev-native-message';
+    window.document.addEventListener('qev-native-message', () => {
+      if (bridge.failPosting) {
+        return; // the message stays unclaimed: no relay took it
+      }
+      const root = window.document.documentElement;
+      const text = root.getAttribute(ATTRIBUTE);
+      root.removeAttribute(ATTRIBUTE);
+      const { channel, body } = JSON.parse(text);
+      if (channel === 'nativeLog') {
+        bridge.logs.push(body.message);
+        return;
+      }
+      bridge.messages.push(body);
+      const responder = bridge.responders.get(body.name);
+      if (responder) {
+        setImmediate(() => bridge.runResponder(responder, body));
+      }
+    });
   }
 
   async runResponder(responder, message) {
