@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include <nlohmann/json.hpp>
 
 namespace qev {
@@ -7,4 +10,18 @@ namespace qev {
 // Object keys iterate in sorted order, which is also how the proxy core emits its tables.
 using Json = nlohmann::json;
 
+namespace base {
+
+// Deeper nesting than any real message, reply or file has. Copying, printing and walking a
+// value recurse once per level, so text nested deeper is refused before it becomes a value.
+inline constexpr std::size_t kMaxJsonDepth = 256;
+
+// Whether the arrays and objects of a JSON text nest at most `limit` deep (strings, with their
+// escapes, are skipped). Linear and without recursion, whatever the text.
+bool jsonNestingWithin(std::string_view text, std::size_t limit = kMaxJsonDepth);
+
+// Parses outside input: a discarded value when the text is not JSON or nests too deep.
+Json parseJson(std::string_view text);
+
+}  // namespace base
 }  // namespace qev

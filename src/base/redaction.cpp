@@ -114,7 +114,7 @@ std::string redactFormBody(std::string_view text) {
 std::string redactEmbeddedString(const std::string& text) {
   const std::string_view trimmed = base::trimWhitespace(text);
   if (!trimmed.empty() && (trimmed.front() == '{' || trimmed.front() == '[')) {
-    Json parsed = Json::parse(trimmed, nullptr, false);
+    Json parsed = base::parseJson(trimmed);
     if (!parsed.is_discarded() && parsed.is_structured()) {
       return redactKeys(parsed, true).dump(-1, ' ', false, Json::error_handler_t::replace);
     }
@@ -159,7 +159,7 @@ std::string redactFreeText(std::string_view text) {
 
 std::string redactedJSONPreview(std::string_view text) {
   constexpr std::size_t kLimit = 1200;
-  Json parsed = Json::parse(text, nullptr, false);
+  Json parsed = base::parseJson(text);
   if (!parsed.is_discarded() && parsed.is_structured()) {
     try {
       return base::truncateGraphemes(redactJSON(parsed).dump(), kLimit);

@@ -17,7 +17,7 @@ namespace {
 // an array at top level.
 Result<Json> decodeReply(const std::string& body) {
   if (body.empty()) return Json(true);
-  Json value = Json::parse(body, nullptr, false);
+  Json value = base::parseJson(body);
   if (value.is_discarded()) {
     return BridgeError::system("The data couldn't be read because it isn't in the correct format.");
   }

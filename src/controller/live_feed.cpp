@@ -101,7 +101,7 @@ bool LiveFeed::receive(Stream& stream, std::uint64_t generation, std::string_vie
 }
 
 void LiveFeed::takeLine(Kind kind, std::string_view line) {
-  const Json value = Json::parse(line, nullptr, false);
+  const Json value = base::parseJson(line);
   if (!value.is_object()) return;
   if (kind == Kind::kTraffic) {
     Json sample;

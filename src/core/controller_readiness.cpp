@@ -30,7 +30,7 @@ void ControllerReadiness::isControllerReady(std::function<void(bool)> completion
                     completion(false);
                     return;
                   }
-                  const Json body = Json::parse(reply.value().body, nullptr, false);
+                  const Json body = base::parseJson(reply.value().body);
                   completion(body.is_object() && body.contains("hello"));
                 });
 }

@@ -135,7 +135,7 @@ void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion
     bool available = false;
     if (reply) {
       status = reply.value().status;
-      const Json body = Json::parse(reply.value().body, nullptr, false);
+      const Json body = base::parseJson(reply.value().body);
       if (status >= 200 && status <= 299 && body.is_object() && body.contains("delay")) {
         available = true;
         delay = body["delay"].dump();

@@ -84,7 +84,7 @@ void HttpRelay::nativeHttpRequest(const Json& args, ResolveReply resolve, Reject
 
 void HttpRelay::rememberModeChange(const net::HttpRequest& request) {
   if (!request.body) return;
-  const Json config = Json::parse(*request.body, nullptr, false);
+  const Json config = base::parseJson(*request.body);
   if (!config.is_object()) return;
   const auto mode = config.find("mode");
   if (mode == config.end() || !mode->is_string()) return;

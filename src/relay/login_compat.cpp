@@ -32,7 +32,7 @@ bool adminFlag(const Json* value) {
 }  // namespace
 
 std::string xboardLoginCompatBody(std::string_view body) {
-  Json reply = Json::parse(body, nullptr, false);
+  Json reply = base::parseJson(body);
   if (reply.is_discarded() || !reply.is_object()) return std::string(body);
   const Json* data = member(&reply, "data");
   const std::string token = nonEmptyString(member(data, "token"));

@@ -16,7 +16,7 @@ constexpr std::string_view kDefaultMode = "rule";
 std::optional<Json> readStoredObject(const fs::path& file) {
   const auto bytes = base::readFile(file);
   if (!bytes) return std::nullopt;
-  Json parsed = Json::parse(*bytes, nullptr, /*allow_exceptions=*/false);
+  Json parsed = base::parseJson(*bytes);
   if (parsed.is_discarded() || !parsed.is_object()) return std::nullopt;
   return parsed;
 }

@@ -95,7 +95,7 @@ Json subscriptionInfoJson(const std::optional<SubscriptionRecord>& record) {
 std::optional<SubscriptionRecord> SubscriptionRecordStore::load() const try {
   const auto bytes = files_.readProtectedData(file_);
   if (!bytes) return std::nullopt;
-  const Json stored = Json::parse(*bytes, nullptr, false);
+  const Json stored = base::parseJson(*bytes);
   if (!stored.is_object() || !stored.contains("url") || !stored["url"].is_string()) {
     return std::nullopt;
   }

@@ -27,7 +27,7 @@ Json jsonOf(WebKitJavascriptResult* result) {
   if (!value) return nullptr;
   char* text = jsc_value_to_json(value, 0);
   if (!text) return nullptr;
-  Json parsed = Json::parse(text, nullptr, false);
+  Json parsed = base::parseJson(text);
   g_free(text);
   return parsed.is_discarded() ? Json(nullptr) : parsed;
 }

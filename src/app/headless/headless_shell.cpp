@@ -116,10 +116,11 @@ void postLine(const std::shared_ptr<LoopState>& state, bridge::NativeBridge& bri
               std::ostream& err, std::string line) {
   state->queue->post([&bridge, &err, line = std::move(line)] {
     if (line.find_first_not_of(" \t\r") == std::string::npos) return;
-    Json message = Json::parse(line, nullptr, false);
+    Json message = base::parseJson(line);
     if (message.is_discarded() || !message.is_object()) {
       // Never echoed: a rejected line may well carry a credential.
-      err << "qev: skipped a line of " << line.size() << " bytes that is not a JSON object\n";
+      err << "qev: skipped a line of " << line.size()
+          << " bytes that is not a JSON object (or nests too deep)\n";
       return;
     }
     if (const auto channel = message.find("channel"); channel != message.end()) {

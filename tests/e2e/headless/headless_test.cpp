@@ -12,6 +12,9 @@ TEST(HeadlessShellTest, AnswersLogsAndSkipsMalformedInput) {
   TempDir dir;
   HeadlessQev qev(dir.path() / "home");
   qev.sendRaw("this is not json");
+  // A million nested arrays would overflow the stack wherever a value is copied or printed.
+  qev.sendRaw(R"({"id":"2","name":"httpRequest","args":)" + std::string(1000000, '[') +
+              std::string(1000000, ']') + "}");
   qev.send(Json{{"id", 5}, {"name", "getSettings"}});    // number id: dropped
   qev.send(Json{{"id", "9"}, {"args", Json::array()}});  // no name: dropped
   qev.send(Json{{"channel", "nativeLog"}, {"body", {{"message", "login token=s3cret ok"}}}});

@@ -41,6 +41,18 @@ INSTANTIATE_TEST_SUITE_P(
                       StringCase{"overlong_rejected", "\xc0\xaf", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""}),
     [](const auto& info) { return info.param.name; });
 
+TEST(JsonNestingTest, CountsOnlyBracketsOutsideStrings) {
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"[[1]]", true},         {"[[[1]]]", false},           {R"(["[[[[", {"a": "{{{"}])", true},
+      {R"(["\"[[[["])", true}, {R"(["\\", [[[]]]])", false}, {"]]]]][[", true},
+  };
+  for (const auto& [text, within] : cases) {
+    EXPECT_EQ(base::jsonNestingWithin(text, 2), within) << text;
+  }
+  EXPECT_TRUE(base::parseJson("[" + std::string(300, '[') + std::string(301, ']')).is_discarded());
+  EXPECT_EQ(base::parseJson(R"({"a": [1]})"), Json::parse(R"({"a": [1]})"));
+}
+
 TEST(JsonLiteralTest, ScalarsAndContainers) {
   EXPECT_EQ(jsonLiteral(true), "true");
   EXPECT_EQ(jsonLiteral(false), "false");

@@ -1,0 +1,42 @@
+#include "base/json.h"
+
+namespace qev::base {
+
+bool jsonNestingWithin(std::string_view text, std::size_t limit) {
+  std::size_t depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;  // the escaped character cannot end the string
+      } else if (c == '"') {
+        inString = false;
+      }
+      continue;
+    }
+    switch (c) {
+      case '"':
+        inString = true;
+        break;
+      case '[':
+      case '{':
+        if (++depth > limit) return false;
+        break;
+      case ']':
+      case '}':
+        if (depth > 0) --depth;
+        break;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
+Json parseJson(std::string_view text) {
+  if (!jsonNestingWithin(text)) return Json(Json::value_t::discarded);
+  return Json::parse(text, nullptr, false);
+}
+
+}  // namespace qev::base
