@@ -143,11 +143,6 @@ void CrashGuard::watch() {
   }
 }
 
-pid_t CrashGuard::guardPid() const {
-  std::lock_guard hold(mutex_);
-  return pid_;
-}
-
 CrashGuard::~CrashGuard() {
   {
     std::lock_guard hold(mutex_);

@@ -45,8 +45,6 @@ class CrashGuard {
   CrashGuard(const CrashGuard&) = delete;
   CrashGuard& operator=(const CrashGuard&) = delete;
 
-  pid_t guardPid() const;
-
  private:
   CrashGuard(storage::InstanceLock lock, std::filesystem::path executable, const base::Logger& log);
   bool launch();  // mutex_ held
@@ -55,7 +53,7 @@ class CrashGuard {
   storage::InstanceLock lock_;
   std::filesystem::path executable_;
   const base::Logger& log_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   pid_t pid_ = -1;
   int pipe_ = -1;  // write end; closing it without kStandDown sets the guard off
   int relaunches_ = 0;

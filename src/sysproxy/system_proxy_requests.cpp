@@ -38,13 +38,6 @@ std::optional<std::int64_t> SystemProxyRequests::recordWish(bool enabled) {
   return nextRevision();
 }
 
-std::optional<std::int64_t> SystemProxyRequests::withdrawWish() {
-  std::lock_guard lock(stateMutex_);
-  if (!systemProxyEnabledByApp_) return std::nullopt;
-  systemProxyEnabledByApp_ = false;
-  return nextRevision();
-}
-
 bool SystemProxyRequests::isCurrent(std::int64_t revision, bool enabled) const {
   std::lock_guard lock(stateMutex_);
   return systemProxyRevision_ == revision && systemProxyEnabledByApp_ == enabled;

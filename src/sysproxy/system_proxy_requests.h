@@ -58,8 +58,6 @@ class SystemProxyRequests {
   // Switches on the apply queue when revision is still current, logs, completes.
   void enqueue(bool enabled, std::int64_t revision, std::string reason, Completion completion);
   void applySwitch(bool enabled);
-  // Turns an "on" wish off; the new revision, or nothing when the wish was already off.
-  std::optional<std::int64_t> withdrawWish();
   std::int64_t nextRevision();  // stateMutex_ held
   bool isCurrent(std::int64_t revision, bool enabled) const;
 
