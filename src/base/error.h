@@ -15,6 +15,8 @@ struct BridgeError {
   static BridgeError native(int code, std::string description) {
     return {"NativeBridge", code, std::move(description)};
   }
+  // Arguments from the page that a command cannot use.
+  static BridgeError invalidRequest() { return native(3, "invalid request"); }
   // A transport or file failure reported by a library; the description is what the page shows.
   static BridgeError system(std::string description, int code = 0) {
     return {"System", code, std::move(description)};

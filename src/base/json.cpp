@@ -34,6 +34,10 @@ bool jsonNestingWithin(std::string_view text, std::size_t limit) {
   return true;
 }
 
+const Json* firstArg(const Json& args) {
+  return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
+}
+
 Json parseJson(std::string_view text) {
   if (!jsonNestingWithin(text)) return Json(Json::value_t::discarded);
   return Json::parse(text, nullptr, false);

@@ -23,5 +23,8 @@ bool jsonNestingWithin(std::string_view text, std::size_t limit = kMaxJsonDepth)
 // Parses outside input: a discarded value when the text is not JSON or nests too deep.
 Json parseJson(std::string_view text);
 
+// The first element of a command's argument array, or nullptr.
+const Json* firstArg(const Json& args);
+
 }  // namespace base
 }  // namespace qev

@@ -26,8 +26,4 @@ bool boolArg(const Json* value) {
   return false;
 }
 
-const Json* firstArg(const Json& args) {
-  return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
-}
-
 }  // namespace qev::bridge

@@ -21,7 +21,4 @@ using CommandTable = std::unordered_map<std::string, Command>;
 // or one of the strings "1", "true", "yes", "on", "启用", "开启" (ASCII case ignored).
 bool boolArg(const Json* value);
 
-// The first element of an argument array, or nullptr.
-const Json* firstArg(const Json& args);
-
 }  // namespace qev::bridge

@@ -213,7 +213,7 @@ void NativeBridge::registerCommands() {
   commands_["closeProxy"] = stop;
   commands_["stopProxy"] = stop;
   commands_["setTun"] = [this](const Json& args, Resolve resolve, Reject reject) {
-    tunSwitch_->setTun(boolArg(firstArg(args)), std::move(resolve), std::move(reject));
+    tunSwitch_->setTun(boolArg(base::firstArg(args)), std::move(resolve), std::move(reject));
   };
   commands_["getSettings"] = [this](const Json&, Resolve resolve, Reject) {
     resolve(settings_.readSettings());
@@ -240,7 +240,7 @@ void NativeBridge::registerCommands() {
     liveCommands_->getVersion(std::move(resolve));
   };
   commands_["setAutoLaunch"] = [this](const Json& args, Resolve resolve, Reject reject) {
-    auto result = autoLaunch_.setAutoLaunch(boolArg(firstArg(args)));
+    auto result = autoLaunch_.setAutoLaunch(boolArg(base::firstArg(args)));
     if (result) {
       resolve(std::move(result).value());
     } else {

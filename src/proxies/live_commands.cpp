@@ -13,10 +13,6 @@ namespace {
 constexpr auto kConnectionsFreshFor = std::chrono::seconds(1);
 constexpr int kDelayTimeoutMs = 5000;
 
-BridgeError invalidRequest() {
-  return BridgeError::native(3, "invalid request");
-}
-
 std::string stringField(const Json& object, const char* key) {
   const auto it = object.find(key);
   return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
@@ -25,10 +21,6 @@ std::string stringField(const Json& object, const char* key) {
 Json numberOrNull(const Json& object, const char* key) {
   const auto it = object.find(key);
   return it != object.end() && it->is_number() ? *it : Json(nullptr);
-}
-
-const Json* firstObject(const Json& args) {
-  return args.is_array() && !args.empty() && args[0].is_object() ? &args[0] : nullptr;
 }
 
 }  // namespace
@@ -110,11 +102,10 @@ void LiveCommands::forgetConnections() {
 }
 
 void LiveCommands::closeConnection(const Json& args, Resolve resolve, Reject reject) {
-  const std::string id = args.is_array() && !args.empty() && args[0].is_string()
-                             ? args[0].get<std::string>()
-                             : std::string();
+  const Json* arg = base::firstArg(args);
+  const std::string id = arg && arg->is_string() ? arg->get<std::string>() : std::string();
   if (id.empty()) {
-    reject(invalidRequest());
+    reject(BridgeError::invalidRequest());
     return;
   }
   forgetConnections();
@@ -129,14 +120,14 @@ void LiveCommands::closeAllConnections(Resolve resolve) {
 }
 
 void LiveCommands::getLogs(const Json& args, const Resolve& resolve) const {
-  const std::string level = args.is_array() && !args.empty() && args[0].is_string()
-                                ? args[0].get<std::string>()
-                                : std::string("info");
+  const Json* arg = base::firstArg(args);
+  const std::string level = arg && arg->is_string() ? arg->get<std::string>() : "info";
   resolve(feed_.logs(level));
 }
 
 void LiveCommands::testDelay(const Json& args, Resolve resolve, Reject reject) {
-  const Json* target = firstObject(args);
+  const Json* arg = base::firstArg(args);
+  const Json* target = arg && arg->is_object() ? arg : nullptr;
   const std::string group = target ? stringField(*target, "group") : std::string();
   const std::string name = target ? stringField(*target, "name") : std::string();
   if (!group.empty()) {
@@ -144,7 +135,7 @@ void LiveCommands::testDelay(const Json& args, Resolve resolve, Reject reject) {
     return;
   }
   if (name.empty()) {
-    reject(invalidRequest());
+    reject(BridgeError::invalidRequest());
     return;
   }
   const std::string url =

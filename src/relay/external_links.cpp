@@ -26,8 +26,7 @@ ExternalLinks::ExternalLinks(const base::Logger& log, std::shared_ptr<base::Main
 
 void ExternalLinks::openExternal(const Json& args, std::function<void(Json)> resolve,
                                  std::function<void(BridgeError)> reject) {
-  const Json* first = (args.is_array() && !args.empty()) ? &args[0] : nullptr;
-  auto link = externalLinkFromText(first);
+  auto link = externalLinkFromText(base::firstArg(args));
   if (!link) {
     reject(link.error());
     return;

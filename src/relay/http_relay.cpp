@@ -43,8 +43,7 @@ HttpRelay::HttpRelay(net::HttpSession& session, controller::ControllerClient& co
       apiBaseUrl_(net::parseUrl(apiBase_)) {}
 
 void HttpRelay::nativeHttpRequest(const Json& args, ResolveReply resolve, RejectReply reject) {
-  const Json* record = (args.is_array() && !args.empty()) ? &args[0] : nullptr;
-  auto parsed = requestFromRecord(record);
+  auto parsed = requestFromRecord(base::firstArg(args));
   if (!parsed) {
     reject(parsed.error());
     return;

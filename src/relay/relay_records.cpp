@@ -14,10 +14,6 @@ namespace {
 
 constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 
-BridgeError invalidRequest() {
-  return BridgeError::native(3, "invalid request");
-}
-
 // RFC 9110 token characters: what a method or a header name may consist of.
 bool isToken(std::string_view text) {
   if (text.empty()) return false;
@@ -89,42 +85,42 @@ std::size_t utf8SequenceAt(std::string_view text, std::size_t i) {
 }  // namespace
 
 Result<net::HttpRequest> requestFromRecord(const Json* record) {
-  if (!record || !record->is_object()) return invalidRequest();
+  if (!record || !record->is_object()) return BridgeError::invalidRequest();
   net::HttpRequest request;
   request.timeout = kRelayTimeout;
 
   const auto url = record->find("url");
-  if (url == record->end() || !url->is_string()) return invalidRequest();
+  if (url == record->end() || !url->is_string()) return BridgeError::invalidRequest();
   const auto parsed = net::parseUrl(url->get<std::string>());
   if (!parsed || (parsed->scheme != "http" && parsed->scheme != "https") || parsed->host.empty()) {
-    return invalidRequest();
+    return BridgeError::invalidRequest();
   }
   request.url = url->get<std::string>();
 
   if (const auto method = record->find("method"); method != record->end() && !method->is_null()) {
-    if (!method->is_string()) return invalidRequest();
+    if (!method->is_string()) return BridgeError::invalidRequest();
     const auto text = method->get<std::string>();
     if (!text.empty()) {
-      if (!isToken(text)) return invalidRequest();
+      if (!isToken(text)) return BridgeError::invalidRequest();
       request.method = normalizedMethod(text);
     }
   }
 
   if (const auto headers = record->find("headers");
       headers != record->end() && !headers->is_null()) {
-    if (!headers->is_object()) return invalidRequest();
+    if (!headers->is_object()) return BridgeError::invalidRequest();
     for (const auto& [name, value] : headers->items()) {
       const auto text = headerValueText(value);
       if (!text)
         continue;  // a header without a usable value is left out, as a browser
                    // would
-      if (!isToken(name) || splitsRequest(*text)) return invalidRequest();
+      if (!isToken(name) || splitsRequest(*text)) return BridgeError::invalidRequest();
       request.headers.emplace_back(name, *text);
     }
   }
 
   if (const auto body = record->find("body"); body != record->end() && !body->is_null()) {
-    if (!body->is_string()) return invalidRequest();
+    if (!body->is_string()) return BridgeError::invalidRequest();
     request.body = body->get<std::string>();
   }
   return request;

@@ -13,10 +13,6 @@
 namespace qev::subscription {
 namespace {
 
-const Json* first(const Json& args) {
-  return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
-}
-
 // Larger answers are no subscription: a feed of a few thousand nodes is well under 10 MiB.
 constexpr std::size_t kMaxSubscriptionBytes = 32u << 20;
 
@@ -68,7 +64,7 @@ void ConfigCommands::normalizeConfig(Resolve resolve, Reject reject) {
 }
 
 void ConfigCommands::updateConfig(const Json& args, Resolve resolve, Reject reject) {
-  const Json* arg = first(args);
+  const Json* arg = base::firstArg(args);
   if (arg != nullptr && arg->is_object()) {
     deps_.runtimeSettings.updateRuntimeConfig(*arg, std::move(resolve), std::move(reject));
     return;
@@ -188,7 +184,7 @@ BridgeError ConfigCommands::invalid(std::string_view reason) const {
 }
 
 void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject reject) {
-  const Json* arg = first(args);
+  const Json* arg = base::firstArg(args);
   if (arg != nullptr && arg->is_string()) {
     const std::string rewritten =
         rewriteSubscribeUrl(arg->get<std::string>(), deps_.fallbackApiBase());
@@ -210,7 +206,7 @@ void ConfigCommands::writeConfig(const Json& args, Resolve resolve, Reject rejec
 }
 
 void ConfigCommands::putConfig(const Json& args, Resolve resolve, Reject reject) {
-  const Json* arg = first(args);
+  const Json* arg = base::firstArg(args);
   if (arg != nullptr && arg->is_object() && !arg->empty()) {
     deps_.runtimeSettings.updateRuntimeConfig(*arg, std::move(resolve), std::move(reject));
     return;
