@@ -60,10 +60,14 @@ class ProxyFlowTest : public ::testing::Test {
     return panelBase_ + "/api/v1/client/subscribe?token=" + kToken;
   }
 
+  // gsettings on the keyfile backend qev writes to in these tests.
+  std::string gsettingsCommand(const std::string& arguments) const {
+    return "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME=" +
+           shellQuoted((dir_.path() / "config").string()) + " gsettings " + arguments;
+  }
+
   std::string gsettings(const std::string& schema, const std::string& key) {
-    const std::string cmd = "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME='" +
-                            (dir_.path() / "config").string() + "' gsettings get " + schema + " " +
-                            key;
+    const std::string cmd = gsettingsCommand("get " + schema + " " + key);
     std::string out;
     if (FILE* p = ::popen(cmd.c_str(), "r")) {
       char buf[256];
@@ -75,9 +79,8 @@ class ProxyFlowTest : public ::testing::Test {
   }
 
   void gsettingsSet(const std::string& schema, const std::string& key, const std::string& value) {
-    const std::string cmd = "GSETTINGS_BACKEND=keyfile XDG_CONFIG_HOME='" +
-                            (dir_.path() / "config").string() + "' gsettings set " + schema + " " +
-                            key + " " + shellQuoted(value);
+    const std::string cmd =
+        gsettingsCommand("set " + schema + " " + key + " " + shellQuoted(value));
     ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
   }
   std::string desktopMode() { return gsettings("org.gnome.system.proxy", "mode"); }
@@ -109,10 +112,7 @@ class ProxyFlowTest : public ::testing::Test {
   }
 
   static bool logHas(HeadlessQev& qev, const std::string& prefix) {
-    for (const auto& m : qev.logMessages()) {
-      if (m.rfind(prefix, 0) == 0) return true;
-    }
-    return false;
+    return countLog(qev, prefix) > 0;
   }
 
   TempDir dir_;
