@@ -52,6 +52,11 @@ std::string replaceAll(std::string_view text, std::string_view from, std::string
 
 std::string join(const std::vector<std::string>& parts, std::string_view separator);
 
+// "true" or "false", as log lines spell flags.
+inline std::string boolText(bool value) {
+  return value ? "true" : "false";
+}
+
 // "2026-11-15T18:30:00Z": UTC, whole seconds.
 std::string iso8601UtcStamp(std::chrono::system_clock::time_point when);
 

@@ -1,6 +1,7 @@
 #include "core/tun_mode.h"
 
 #include "base/fs.h"
+#include "base/strings.h"
 
 namespace qev::core {
 
@@ -37,7 +38,7 @@ void TunSwitch::setTun(bool enabled, Resolve resolve, Reject reject) {
   }
   // A failed rebuild is not fatal: the restart then runs the previous configuration.
   if (runtimeConfig_.hasRawSubscriptionConfig()) (void)runtimeConfig_.normalizeTmpYaml(enabled);
-  log_.message(std::string("native.tun.set: ") + (enabled ? "true" : "false") + " restart");
+  log_.message(std::string("native.tun.set: ") + base::boolText(enabled) + " restart");
 
   hooks_.restartCore("tunSet", [this, enabled, resolve, reject](bool ready) {
     if (!ready) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "base/strings.h"
 #include "core/mihomo_supervisor.h"
 #include "process/process_runner.h"
 #include "storage/plaintext_cleanup.h"
@@ -62,7 +63,7 @@ void cleanUpAfterApp(sysproxy::SystemProxyBackend& backend, const storage::Profi
   core::sweepStaleCores(profile, kSweepPause);
   const storage::ProtectedFiles protectedFiles(profile.paths, profile.userName);
   storage::PlaintextCleanup(profile.paths, protectedFiles).removeRuntimePlaintextConfigs();
-  log.message(std::string("native.guard.cleanup: systemProxyOff=") + (pointed ? "true" : "false"));
+  log.message(std::string("native.guard.cleanup: systemProxyOff=") + base::boolText(pointed));
 }
 
 int runGuard(int input, const storage::Profile& profile, const base::Logger& log) {

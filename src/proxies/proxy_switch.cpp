@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "base/constants.h"
+#include "base/strings.h"
 #include "proxies/server_list.h"
 #include "proxies/traffic_path.h"
 
@@ -141,7 +142,7 @@ void ProxySwitch::probeGroup(const std::string& group, BoolCompletion completion
         delay = body["delay"].dump();
       }
     }
-    log_.message(std::string("native.proxy.health: available=") + (available ? "true" : "false") +
+    log_.message(std::string("native.proxy.health: available=") + base::boolText(available) +
                  " status=" + std::to_string(status) + " delay=" + delay + " group=" + group);
     completion(available);
   });

@@ -123,7 +123,7 @@ Result<Json> AutoLaunch::setAutoLaunch(bool enabled) const {
     log_.message("native.autoLaunch.error: " + *failure);
     return BridgeError::system(*failure);
   }
-  log_.message(std::string("native.autoLaunch.set: ") + (enabled ? "true" : "false"));
+  log_.message(std::string("native.autoLaunch.set: ") + base::boolText(enabled));
   return settings_.readSettings();
 }
 

@@ -14,10 +14,6 @@ namespace {
 
 constexpr std::string_view kProxySchema = "org.gnome.system.proxy";
 
-std::string flag(bool value) {
-  return value ? "true" : "false";
-}
-
 // A GVariant string literal; gsettings parses values as GVariant text.
 std::string quoted(std::string_view text) {
   return "'" + std::string(text) + "'";
@@ -84,7 +80,7 @@ void GSettingsBackend::enableSystemProxy() {
   for (const auto& command : gsettingsEnableCommands()) {
     ok = process::runProcess(gsettings->string(), command) && ok;
   }
-  log_.message("native.gsettings.enable: ok=" + flag(ok));
+  log_.message("native.gsettings.enable: ok=" + base::boolText(ok));
 }
 
 void GSettingsBackend::disableSystemProxy() {
@@ -94,7 +90,7 @@ void GSettingsBackend::disableSystemProxy() {
     return;
   }
   const bool ok = process::runProcess(gsettings->string(), gsettingsDisableCommand());
-  log_.message("native.gsettings.disable: ok=" + flag(ok));
+  log_.message("native.gsettings.disable: ok=" + base::boolText(ok));
 }
 
 bool GSettingsBackend::pointsAtCore() {

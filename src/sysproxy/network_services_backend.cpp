@@ -11,10 +11,6 @@ namespace {
 
 constexpr std::size_t kErrorPreviewLength = 180;
 
-std::string flag(bool value) {
-  return value ? "true" : "false";
-}
-
 std::string endpoint(int port) {
   return std::string(kProxyHost) + ":" + std::to_string(port);
 }
@@ -92,15 +88,16 @@ void NetworkServicesBackend::enableSystemProxy() {
     const bool http = runHelper({"-http", endpoint(kHttpProxyPort)});
     const bool https = runHelper({"-https", endpoint(kHttpProxyPort)});
     const bool socks = runHelper({"-socks", endpoint(kSocksProxyPort)});
-    log_.message("native.sysproxy.enable: stop=" + flag(stop) + " http=" + flag(http) +
-                 " https=" + flag(https) + " socks=" + flag(socks));
+    log_.message("native.sysproxy.enable: stop=" + base::boolText(stop) +
+                 " http=" + base::boolText(http) + " https=" + base::boolText(https) +
+                 " socks=" + base::boolText(socks));
   }
   setSystemProxyWithNetworksetup(true);
 }
 
 void NetworkServicesBackend::disableSystemProxy() {
   if (helperExists()) {
-    log_.message("native.sysproxy.disable: stop=" + flag(runHelper({"-stop"})));
+    log_.message("native.sysproxy.disable: stop=" + base::boolText(runHelper({"-stop"})));
   }
   setSystemProxyWithNetworksetup(false);
 }
@@ -139,7 +136,7 @@ void NetworkServicesBackend::setSystemProxyWithNetworksetup(bool enabled) {
     for (const CommandLine& command : networksetupCommands(service, enabled)) {
       ok = process::runProcess(networksetup_.string(), command) && ok;
     }
-    log_.message("native.networksetup." + action + ": " + service + "=" + flag(ok));
+    log_.message("native.networksetup." + action + ": " + service + "=" + base::boolText(ok));
   }
 }
 

@@ -5,12 +5,13 @@
 #include <limits>
 #include <memory>
 
+#include "base/strings.h"
+
 namespace qev::sysproxy {
 namespace {
 
 std::string describeRequest(const std::string& reason, bool enabled, std::int64_t revision) {
-  return reason + " enabled=" + (enabled ? "true" : "false") +
-         " revision=" + std::to_string(revision);
+  return reason + " enabled=" + base::boolText(enabled) + " revision=" + std::to_string(revision);
 }
 
 }  // namespace

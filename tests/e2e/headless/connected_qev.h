@@ -17,8 +17,6 @@
 
 namespace qev::test {
 
-constexpr const char* kToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";  // the test panel's demo token
-
 class ProxyFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -57,7 +55,7 @@ class ProxyFlowTest : public ::testing::Test {
   }
 
   std::string subscribeLink() const {
-    return panelBase_ + "/api/v1/client/subscribe?token=" + kToken;
+    return panelBase_ + "/api/v1/client/subscribe?token=" + kDemoToken;
   }
 
   // gsettings on the keyfile backend qev writes to in these tests.

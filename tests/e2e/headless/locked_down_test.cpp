@@ -8,9 +8,6 @@
 namespace qev::test {
 namespace {
 
-constexpr const char* kToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";  // the test panel's demo token
-constexpr const char* kController = "http://127.0.0.1:33212";
-
 TEST(LockedDownTest, OnlyQevCanSteerTheCore) {
   TempDir dir;
   PanelProcess panel(dir.path());
@@ -34,7 +31,7 @@ TEST(LockedDownTest, OnlyQevCanSteerTheCore) {
                                         {"GSETTINGS_BACKEND", "keyfile"},
                                         {"XDG_CONFIG_HOME", (dir.path() / "config").string()}},
                                        {"--headless"}});
-  const auto link = panel.base() + "/api/v1/client/subscribe?token=" + kToken;
+  const auto link = panel.base() + "/api/v1/client/subscribe?token=" + kDemoToken;
   ASSERT_EQ(qev.call("1", "updateConfig", Json::array({link}))->value("result", Json()), true)
       << qev.logText();
 

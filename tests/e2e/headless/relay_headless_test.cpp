@@ -12,15 +12,13 @@
 #include "headless_process.h"
 #include "temp_home.h"
 #include "test_config.h"
+#include "test_processes.h"
 #include "testing/doubles_harness.h"
 
 namespace qev::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kDemoToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";
-constexpr const char* kDemoPassword = "demo-password";
 
 // A stand-in for the desktop's link handler that records the links it was given, one a line.
 void writeRecordingOpener(const fs::path& folder, const fs::path& record) {

@@ -40,10 +40,7 @@ namespace {
 using namespace doubles;
 using namespace std::chrono_literals;
 
-constexpr const char* kDemoToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";
 constexpr const char* kDemoEmail = "demo@qev.test";
-constexpr const char* kDemoPassword = "demo-password";
-constexpr const char* kController = "http://127.0.0.1:33212";
 
 constexpr const char* kCoreConfig = R"(external-controller: 127.0.0.1:33212
 mode: rule

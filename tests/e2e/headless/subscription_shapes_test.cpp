@@ -10,9 +10,6 @@
 namespace qev::test {
 namespace {
 
-constexpr const char* kToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";  // the test panel's demo token
-constexpr const char* kController = "http://127.0.0.1:33212";
-
 constexpr const char* kNodes =
     "proxies:\n"
     "  - {name: 剩余流量：97 GB, type: ss, server: 127.0.0.1, port: 1, cipher: aes-128-gcm, "
@@ -117,7 +114,7 @@ class SubscriptionShapesTest : public ::testing::Test {
   Json serve(const Json& body) {
     EXPECT_TRUE(panel_.control({{"subscription_body", body}}));
     return call("updateConfig",
-                Json::array({panel_.base() + "/api/v1/client/subscribe?token=" + kToken}));
+                Json::array({panel_.base() + "/api/v1/client/subscribe?token=" + kDemoToken}));
   }
 
   TempDir dir_;

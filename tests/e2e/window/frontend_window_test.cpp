@@ -33,12 +33,10 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using desktop::DesktopQev;
 
-constexpr const char* kDemoEmail = "demo@qev.test";
-constexpr const char* kDemoPassword = "demo-password";
 constexpr const char* kResultTag = "frontend.test.result: ";
 
-fs::path artifactsDir() {
-  return fs::path(kStageDir).parent_path().parent_path() / "artifacts" / "frontend";
+fs::path frontendArtifactsDir() {
+  return artifactsDir() / "frontend";
 }
 
 class FrontendWindowTest : public ::testing::Test {
@@ -70,8 +68,8 @@ class FrontendWindowTest : public ::testing::Test {
   void TearDown() override {
     if (!app_ || !fs::exists(app_->logFile())) return;
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    fs::create_directories(artifactsDir());
-    fs::copy_file(app_->logFile(), artifactsDir() / (std::string(info->name()) + ".log"),
+    fs::create_directories(frontendArtifactsDir());
+    fs::copy_file(app_->logFile(), frontendArtifactsDir() / (std::string(info->name()) + ".log"),
                   fs::copy_options::overwrite_existing);
   }
 
@@ -156,7 +154,7 @@ class FrontendWindowTest : public ::testing::Test {
   // A picture of the window for people to look at; the name says what it shows.
   void screenshot(const std::string& name) {
     std::this_thread::sleep_for(400ms);  // let the last change paint
-    const fs::path file = artifactsDir() / (name + ".png");
+    const fs::path file = frontendArtifactsDir() / (name + ".png");
     fs::create_directories(file.parent_path());
     app_->tool({"import", "-window", std::to_string(window_), file.string()});
     EXPECT_TRUE(fs::exists(file)) << "no screenshot " << file;

@@ -32,10 +32,6 @@ namespace {
 namespace fs = std::filesystem;
 using desktop::DesktopQev;
 
-fs::path artifactsDir() {
-  return fs::path(kStageDir).parent_path().parent_path() / "artifacts";
-}
-
 class DesktopWindowTest : public ::testing::Test {
  protected:
   void SetUp() override {

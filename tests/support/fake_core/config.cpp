@@ -13,6 +13,8 @@
 #include <set>
 #include <sstream>
 
+#include "knobs.h"
+
 namespace fake_core {
 namespace {
 
@@ -31,13 +33,6 @@ std::string upper(std::string_view text) {
   std::string out(text);
   for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return out;
-}
-
-std::string trim(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return "";
-  const auto last = text.find_last_not_of(" \t");
-  return std::string(text.substr(first, last - first + 1));
 }
 
 int lineOf(const YAML::Node& node) {

@@ -3,13 +3,10 @@
 #include <cstdlib>
 #include <map>
 
+#include "knobs.h"
+
 namespace fake_core {
 namespace {
-
-std::string env(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
 
 std::string usage(const std::string& program) {
   return "Usage of " + program +

@@ -5,7 +5,6 @@
 #include <sstream>
 
 namespace fake_core {
-namespace {
 
 std::string trim(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r\n");
@@ -18,6 +17,8 @@ std::string env(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
+
+namespace {
 
 std::optional<long> envNumber(const char* name) {
   const std::string text = trim(env(name));

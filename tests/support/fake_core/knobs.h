@@ -8,6 +8,12 @@
 
 namespace fake_core {
 
+// Text without surrounding blanks and line ends.
+std::string trim(std::string_view text);
+
+// An environment variable, empty when unset.
+std::string env(const char* name);
+
 // How delay tests fail, from FAKE_CORE_DELAY_FAIL (see tests/support/README.md).
 struct DelayFailure {
   enum class Outcome { kNone, kTimeout, kError };

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,17 @@
 #include "testing/doubles_harness.h"
 
 namespace qev::test {
+
+// The test panel's demo account and the fixed controller address of the cores the suites start.
+inline constexpr const char* kDemoEmail = "demo@qev.test";
+inline constexpr const char* kDemoPassword = "demo-password";
+inline constexpr const char* kDemoToken = "5f3c9a7e2b1d4c8f9a6e3b2d1c4f7a9e";
+inline constexpr const char* kController = "http://127.0.0.1:33212";
+
+// Where suites leave screenshots and logs for a person to look at.
+inline std::filesystem::path artifactsDir() {
+  return std::filesystem::path(kStageDir).parent_path().parent_path() / "artifacts";
+}
 
 // A loopback port that nothing listens on right now: the kernel's pick for a bound socket.
 inline int freeLoopbackPort() {

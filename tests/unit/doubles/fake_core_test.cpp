@@ -22,8 +22,6 @@ namespace {
 
 using namespace doubles;
 
-constexpr const char* kBase = "http://127.0.0.1:33212";
-
 // Three nodes (one with a blank and CJK, one with "/" and ","), a selector, an url-test, a
 // load-balance and a selector whose first member rejects.
 constexpr const char* kConfig = R"(port: 33210
@@ -48,7 +46,7 @@ rules:
 )";
 
 std::string url(const std::string& path) {
-  return std::string(kBase) + path;
+  return std::string(kController) + path;
 }
 
 std::vector<std::string> lines(const std::string& text) {
