@@ -14,6 +14,11 @@ elseif(QEV_SANITIZE STREQUAL "thread")
   # -Wno-tsan: asio's headers use std::atomic_thread_fence, which GCC warns TSan cannot model.
   target_compile_options(qev_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer -Wno-tsan)
   target_link_options(qev_options INTERFACE -fsanitize=thread)
+elseif(QEV_SANITIZE STREQUAL "fuzzer")
+  # Coverage for libFuzzer everywhere; the fuzz targets link the fuzzer's main themselves.
+  target_compile_options(qev_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined
+                         -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(qev_options INTERFACE -fsanitize=address,undefined)
 elseif(QEV_SANITIZE)
-  message(FATAL_ERROR "QEV_SANITIZE must be empty, address or thread")
+  message(FATAL_ERROR "QEV_SANITIZE must be empty, address, thread or fuzzer")
 endif()

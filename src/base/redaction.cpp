@@ -43,7 +43,8 @@ struct FreeTextPatterns {
   // "key": "value" pairs of sensitive keys inside free text that is not JSON as a whole.
   RE2 jsonPair{
       R"re(((?i)"[^"]*(?:password|passwd|pwd|secret|token|auth_data|authorization|cookie|_code)"\s*:\s*)"(?:[^"\\]|\\.)*")re"};
-  RE2 bearer{R"((?i)(bearer)\s+[A-Za-z0-9._~+/=-]+)"};
+  // "Bearer Bearer x" is one credential: the repeated word must not shield the value after it.
+  RE2 bearer{R"((?i)(bearer)(?:\s+bearer\b)*\s+[A-Za-z0-9._~+/=-]+)"};
   RE2 userInfo{R"((//[^/\s:@"']+):[^/\s@"']+@)"};
   RE2 headerValue{R"((?i)((?:set-)?cookie|authorization)(["']?\s*[:=]\s*["']?)[^"'\r\n]+)"};
   RE2 verify{R"(verify=[^&#\s]+)"};
@@ -132,9 +133,10 @@ std::string redactURLString(std::string_view text) {
   RE2::GlobalReplace(&out, p.token, "token=***");
   RE2::GlobalReplace(&out, p.credential, "\\1\\2***");
   RE2::GlobalReplace(&out, p.jsonPair, "\\1\"***\"");
+  // Header values first: a credential word before "Authorization:" must not consume the name.
+  RE2::GlobalReplace(&out, p.headerValue, "\\1\\2***");
   RE2::GlobalReplace(&out, p.bearer, "\\1 ***");
   RE2::GlobalReplace(&out, p.userInfo, "\\1:***@");
-  RE2::GlobalReplace(&out, p.headerValue, "\\1\\2***");
   RE2::GlobalReplace(&out, p.verify, "verify=***");
   RE2::GlobalReplace(&out, p.shortLink, "/s/***");
   return out;

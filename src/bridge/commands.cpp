@@ -6,6 +6,18 @@
 
 namespace qev::bridge {
 
+std::optional<BridgeMessage> parseBridgeMessage(const Json& body) {
+  if (!body.is_object()) return std::nullopt;
+  const auto id = body.find("id");
+  const auto name = body.find("name");
+  if (id == body.end() || !id->is_string() || name == body.end() || !name->is_string()) {
+    return std::nullopt;
+  }
+  const auto args = body.find("args");
+  return BridgeMessage{id->get<std::string>(), name->get<std::string>(),
+                       args != body.end() && args->is_array() ? *args : Json::array()};
+}
+
 bool boolArg(const Json* value) {
   if (value == nullptr) return false;
   if (value->is_boolean()) return value->get<bool>();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -16,6 +17,17 @@ using Command = std::function<void(const Json& args, Resolve resolve, Reject rej
 
 // Command name to handler; names are compared exactly, letter case included.
 using CommandTable = std::unordered_map<std::string, Command>;
+
+// One call of the page: its request id, the command's name and its arguments.
+struct BridgeMessage {
+  std::string id;
+  std::string name;
+  Json args;  // always an array; a missing or non-array `args` counts as none
+};
+
+// Nothing unless the body is an object with string `id` and `name`: anything else is dropped
+// without an answer, since there is no id to answer.
+std::optional<BridgeMessage> parseBridgeMessage(const Json& body);
 
 // A command argument read as a boolean: true, {"enabled"|"openAtLogin"|"autoLaunch": true},
 // or one of the strings "1", "true", "yes", "on", "启用", "开启" (ASCII case ignored).

@@ -254,14 +254,10 @@ void NativeBridge::receive(std::string_view channel, const Json& body) {
     log_.append(body);
     return;
   }
-  if (channel != kBridgeChannel || !body.is_object()) return;
-  const auto id = body.find("id");
-  const auto name = body.find("name");
-  if (id == body.end() || !id->is_string() || name == body.end() || !name->is_string()) return;
-  const auto argsIt = body.find("args");
-  const Json args = (argsIt != body.end() && argsIt->is_array()) ? *argsIt : Json::array();
-
-  const std::string requestId = id->get<std::string>();
+  if (channel != kBridgeChannel) return;
+  auto message = parseBridgeMessage(body);
+  if (!message) return;
+  const std::string requestId = message->id;
   auto gate = std::make_shared<CompletionGate>();
   auto queue = seams_.mainQueue;
   ++inFlight_;
@@ -276,7 +272,7 @@ void NativeBridge::receive(std::string_view channel, const Json& body) {
         [this, requestId, text = std::move(error.description)] { reject(requestId, text); });
     --inFlight_;
   };
-  handle(name->get<std::string>(), args, std::move(onResolve), std::move(onReject));
+  handle(message->name, message->args, std::move(onResolve), std::move(onReject));
 }
 
 void NativeBridge::handle(const std::string& name, const Json& args, Resolve resolve,

@@ -1,45 +1,11 @@
 #include "config/runtime_config_text.h"
 
-#include <array>
-
 #include "base/constants.h"
 #include "base/strings.h"
 #include "config/line_stages.h"
 
 namespace qev::config {
 namespace {
-
-// Sections the application replaces, or that would let other programs and hosts steer the
-// core or use it as an open proxy.
-constexpr std::array<std::string_view, 19> kReplacedSections = {
-    "tun",
-    "dns",
-    "listeners",
-    "tunnels",
-    "external-controller-tls",
-    "external-controller-unix",
-    "external-controller-pipe",
-    "external-controller-cors",
-    "external-ui",
-    "external-ui-name",
-    "external-ui-url",
-    "external-doh-server",
-    "secret",
-    "authentication",
-    "skip-auth-prefixes",
-    "lan-allowed-ips",
-    "lan-disallowed-ips",
-    "redir-port",
-    "tproxy-port",
-};
-
-// Settings the application owns, as top-level keys of the subscription. Indented keys of the
-// same name belong to proxies and other maps and stay.
-constexpr std::array<std::string_view, 9> kOwnedSettingPrefixes = {
-    "mixed-port:",          "port:",      "socks-port:",
-    "external-controller:", "allow-lan:", "bind-address:",
-    "geo-auto-update:",     "mode:",      "ipv6:",
-};
 
 bool isOwnedSetting(std::string_view line) {
   if (!detail::isTopLevelLine(line)) return false;

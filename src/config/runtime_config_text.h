@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -24,6 +25,38 @@ inline constexpr std::string_view kTunDnsBlock =
     "  nameserver:\n"
     "    - 223.5.5.5\n"
     "    - 119.29.29.29\n";
+
+// Sections the application replaces, or that would let other programs and hosts steer the
+// core or use it as an open proxy.
+inline constexpr std::array<std::string_view, 19> kReplacedSections = {
+    "tun",
+    "dns",
+    "listeners",
+    "tunnels",
+    "external-controller-tls",
+    "external-controller-unix",
+    "external-controller-pipe",
+    "external-controller-cors",
+    "external-ui",
+    "external-ui-name",
+    "external-ui-url",
+    "external-doh-server",
+    "secret",
+    "authentication",
+    "skip-auth-prefixes",
+    "lan-allowed-ips",
+    "lan-disallowed-ips",
+    "redir-port",
+    "tproxy-port",
+};
+
+// Settings the application owns, as top-level keys of the subscription. Indented keys of the
+// same name belong to proxies and other maps and stay.
+inline constexpr std::array<std::string_view, 9> kOwnedSettingPrefixes = {
+    "mixed-port:",          "port:",      "socks-port:",
+    "external-controller:", "allow-lan:", "bind-address:",
+    "geo-auto-update:",     "mode:",      "ipv6:",
+};
 
 // The configuration the core runs, made from the downloaded subscription text: the
 // subscription's own tun and dns sections, and every section that would open the core to

@@ -157,7 +157,9 @@ void ProxySelection::putEach(std::vector<std::pair<std::string, std::string>> st
     done();
     return;
   }
-  const auto [group, member] = steps[next];
+  // Named copies: a lambda may not capture structured bindings before C++20 compilers catch up.
+  std::string group = steps[next].first;
+  std::string member = steps[next].second;
   controller_.httpJSON(
       "PUT", controller_.base() + "/proxies/" + controller::percentEncodePathComponent(group),
       Json{{"name", member}},

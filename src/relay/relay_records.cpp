@@ -128,12 +128,13 @@ Result<net::HttpRequest> requestFromRecord(const Json* record) {
 
 Json replyHeaders(const net::HeaderList& headers) {
   // Values are joined in place and names found by hash, so many repeats stay linear.
-  std::vector<std::pair<const std::string*, std::string>> joined;  // first spelling, value
+  // Names are text too: a server may send any bytes, and the page receives only UTF-8.
+  std::vector<std::pair<std::string, std::string>> joined;  // first spelling, value
   std::unordered_map<std::string, std::size_t> indexByLowerName;
   for (const auto& [name, value] : headers) {
     const auto [it, added] = indexByLowerName.try_emplace(base::toLowerAscii(name), joined.size());
     if (added) {
-      joined.emplace_back(&name, utf8Text(value));
+      joined.emplace_back(utf8Text(name), utf8Text(value));
     } else {
       auto& text = joined[it->second].second;
       text += ", ";
@@ -141,7 +142,7 @@ Json replyHeaders(const net::HeaderList& headers) {
     }
   }
   Json out = Json::object();
-  for (auto& [name, value] : joined) out[*name] = std::move(value);
+  for (auto& [name, value] : joined) out[name] = std::move(value);
   return out;
 }
 

@@ -97,6 +97,8 @@ std::optional<std::string> base64Decode(std::string_view text) {
       out += static_cast<char>((accumulator >> bits) & 0xFF);
     }
   }
+  // Bits left over beside the padding must be zero, so each byte string has one text.
+  if ((accumulator & ((1u << bits) - 1)) != 0) return std::nullopt;
   return out;
 }
 

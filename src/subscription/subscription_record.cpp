@@ -1,6 +1,7 @@
 #include "subscription/subscription_record.h"
 
 #include <charconv>
+#include <limits>
 
 #include "base/strings.h"
 
@@ -8,6 +9,8 @@ namespace qev::subscription {
 namespace {
 
 constexpr int kLongestIntervalHours = 24 * 366;
+constexpr double kLatestExpire = 253402300800.0;            // 10000-01-01, in unix seconds
+constexpr double kByteCountLimit = 18446744073709551616.0;  // 2^64
 
 template <class Number>
 std::optional<Number> parseNumber(std::string_view text) {
@@ -42,7 +45,9 @@ std::optional<Usage> parseSubscriptionUserinfo(std::string_view header) {
     if (key == "expire") {
       recognised = true;
       // Some panels send a float or an empty value for plans without an end.
-      if (const auto seconds = parseNumber<double>(value); seconds && *seconds > 0) {
+      // A date past the year 9999 is no date: the plan is treated as one without an end.
+      if (const auto seconds = parseNumber<double>(value);
+          seconds && *seconds > 0 && *seconds < kLatestExpire) {
         usage.expire = static_cast<std::int64_t>(*seconds);
       }
       continue;
@@ -54,7 +59,8 @@ std::optional<Usage> parseSubscriptionUserinfo(std::string_view header) {
     if (target == nullptr) continue;
     recognised = true;
     if (const auto number = parseNumber<double>(value); number && *number >= 0) {
-      *target = static_cast<std::uint64_t>(*number);
+      *target = *number < kByteCountLimit ? static_cast<std::uint64_t>(*number)
+                                          : std::numeric_limits<std::uint64_t>::max();
     }
   }
   return recognised ? std::optional<Usage>(usage) : std::nullopt;

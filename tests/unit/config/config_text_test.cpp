@@ -5,7 +5,6 @@
 
 #include <array>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -306,74 +305,6 @@ TEST(RuntimeConfigTextTest, OwnedKeysDropOnlyAtTheTopLevel) {
   for (const auto& [line, dropped] : table) {
     const std::string out = buildRuntimeConfigText("a:\n" + line + "\nb: 1\n", "rule", false);
     EXPECT_EQ(out.substr(0, out.find("\nrules:")), dropped ? "a:\nb: 1" : "a:\n" + line + "\nb: 1");
-  }
-}
-
-// The one-pass builder against the separate steps run one after the other.
-std::string builtStepByStep(std::string_view subscription, std::string_view mode, bool tun) {
-  constexpr std::array<std::string_view, 2> sections = {"tun", "dns"};
-  constexpr std::array<std::string_view, 9> owned = {
-      "mixed-port:",          "port:",      "socks-port:",
-      "external-controller:", "allow-lan:", "bind-address:",
-      "geo-auto-update:",     "mode:",      "ipv6:"};
-  const std::string withoutSections = removeTopLevelYamlBlocks(subscription, sections);
-  std::vector<std::string> kept;
-  for (std::string_view line : base::splitLines(withoutSections)) {
-    bool drop = false;
-    for (std::string_view prefix : owned) drop = drop || line.starts_with(prefix);
-    if (!drop) kept.emplace_back(line);
-  }
-  std::string text = ensureRule(kQuicRejectRule, sanitizeSubscriptionYaml(base::join(kept, "\n")));
-  text += generatedTail(mode);
-  if (tun) text += kTunDnsBlock;
-  return text;
-}
-
-TEST(RuntimeConfigTextTest, OnePassMatchesTheStepsOnRandomSubscriptions) {
-  const std::array<std::string_view, 30> lines = {
-      "tun:",
-      "  stack: gvisor",
-      "dns:",
-      "  enable: true",
-      "- 1.1.1.1",
-      "proxies:",
-      "proxy-groups:",
-      "rules:",
-      "rules: []",
-      "  rules:",
-      "  - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT",
-      "# comment",
-      "  - MATCH,DIRECT",
-      "\t- DOMAIN,a.example,Auto",
-      "  - {name: Auto, type: ss}",
-      "  - {name: \"🇭🇰 香港\", type: anytls}",
-      "  - {name: r, type: vless, tls: true, reality-opts: {a: b}}",
-      "- {name: 剩余流量：1 GB, type: ss}",
-      "  - {name: G, proxies: [Auto, HK,'a, b']}",
-      "  - {name: 自动选择, proxies: [HK]}",
-      "  - name: Auto",
-      "      - 自动选择",
-      "mode: rule",
-      "    port: 1",
-      "mixed-port: 7890",
-      "",
-      "   ",
-      "\u3000",
-      "log-level: info",
-      "tun: {enable: true}"};
-  const std::array<std::string_view, 5> endings = {"\n", "\n", "\r\n", "\r", "\u2028"};
-  std::mt19937 random(7);
-  for (int round = 0; round < 3000; ++round) {
-    std::string subscription;
-    const int count = static_cast<int>(random() % 12);
-    for (int i = 0; i < count; ++i) {
-      subscription += lines[random() % lines.size()];
-      if (i + 1 < count || random() % 2) subscription += endings[random() % endings.size()];
-    }
-    const bool tun = random() % 2 == 0;
-    ASSERT_EQ(buildRuntimeConfigText(subscription, "rule", tun),
-              builtStepByStep(subscription, "rule", tun))
-        << "subscription: [" << subscription << "]";
   }
 }
 
