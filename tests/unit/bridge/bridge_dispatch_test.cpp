@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -56,6 +58,40 @@ TEST_F(BridgeDispatchTest, MalformedRequestsAreDroppedWithoutLogOrAnswer) {
   queue_->drain();
   EXPECT_TRUE(sink_->answers.empty());
   EXPECT_TRUE(logLines().empty());
+}
+
+// Calls arrive on one thread each and complete on storage, HTTP and caller threads; every one
+// is answered exactly once, on the main queue (run under ThreadSanitizer).
+TEST_F(BridgeDispatchTest, CallsFromManyThreadsAreEachAnsweredOnce) {
+  constexpr int kThreads = 6;
+  constexpr int kCallsEach = 30;
+  const std::vector<Json> calls = {{{"name", "getSettings"}},
+                                   {{"name", "getConfig"}},
+                                   {{"name", "getLogs"}, {"args", {"info"}}},
+                                   {{"name", "getServers"}},
+                                   {{"name", "httpRequest"}, {"args", {{{"url", "ftp://x"}}}}},
+                                   {{"name", "noSuchCommand"}}};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kThreads; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < kCallsEach; ++i) {
+        Json body = calls[static_cast<std::size_t>(i) % calls.size()];
+        body["id"] = std::to_string(t) + "-" + std::to_string(i);
+        bridge_->receive("nativeBridge", body);
+      }
+    });
+  }
+  for (auto& caller : callers) caller.join();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (bridge_->commandsInFlight() > 0 && std::chrono::steady_clock::now() < deadline) {
+    queue_->drain();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  queue_->drain();
+  std::set<std::string> ids;
+  for (const auto& answer : sink_->answers) ids.insert(answer.id);
+  EXPECT_EQ(sink_->answers.size(), static_cast<std::size_t>(kThreads * kCallsEach));
+  EXPECT_EQ(ids.size(), sink_->answers.size());
 }
 
 TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
