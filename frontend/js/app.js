@@ -42,6 +42,7 @@ function initialState(language) {
     login: { email: '', password: '', showPassword: false, busy: false, error: null },
     account: { status: 'idle', data: null, error: null },
     connection: { status: 'off', error: null },
+    speed: null, // { up, down } in bytes per second while connected
     nodes: {
       list: [], current: '', loaded: false, delays: {}, testing: false, switching: '', refreshing: false, message: null,
     },
@@ -294,6 +295,7 @@ export function startApp(window, options = {}) {
       saveLanguage(storage, language);
       t = translator(language);
       update((s) => { s.language = t.language; });
+      native.setLanguage(t.language).catch(() => {});
     },
 
     editLogin(field, value) {
@@ -563,6 +565,32 @@ export function startApp(window, options = {}) {
   };
 
   // ---- start ---------------------------------------------------------------------------------
+
+  // What changed on the native side without the page asking: the tray, a restore, a core that
+  // stopped, the live speed.
+  native.onEvent('proxyState', ({ connected, reason }) => {
+    if (state.connection.status === 'connecting' || state.connection.status === 'disconnecting') {
+      return; // the page's own request reports its outcome
+    }
+    update((s) => {
+      s.connection = connected ? { status: 'on', error: null }
+        : { status: 'off', error: reason === 'coreStopped' ? { key: 'connect.coreStopped' } : null };
+      if (!connected) {
+        s.speed = null;
+      }
+    });
+  });
+  native.onEvent('traffic', ({ up, down }) => {
+    if (state.connection.status === 'on' && state.tab === 'home') {
+      update((s) => { s.speed = { up: Number(up) || 0, down: Number(down) || 0 }; });
+    }
+  });
+  native.onEvent('mode', ({ mode }) => {
+    if (typeof mode === 'string' && mode) {
+      update((s) => { s.settings.mode = mode; });
+    }
+  });
+  native.setLanguage(state.language).catch(() => {});
 
   const notice = sessionValue(window, LOGIN_NOTICE_KEY);
   setSessionValue(window, LOGIN_NOTICE_KEY, '');

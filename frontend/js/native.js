@@ -35,6 +35,12 @@ export function createNative(window) {
     setMode: (mode) => clash('updateConfig', { mode }),
     getSettings: () => qevjs('getSettings'),
     setTun: (enabled) => qevjs('setTun', enabled),
+    setLanguage: (language) => qevjs('setLanguage', language),
+
+    // News the native side sends unasked ("proxyState", "traffic", "mode", ...).
+    onEvent(name, listener) {
+      window.addEventListener(`native:${name}`, (event) => listener(event.detail || {}));
+    },
 
     // The runtime's electron substitute hands this to the native side and returns nothing; the
     // state that took effect is read back with getSettings.

@@ -24,7 +24,8 @@
   }
 
   (function installQevjs() {
-    const api = bridgeMethods({}, ['setTun', 'setAutoLaunch', 'normalizeConfig']);
+    const api = bridgeMethods({}, ['setTun', 'setAutoLaunch', 'normalizeConfig', 'setLanguage', 'getTraffic',
+      'getConnections', 'closeConnection', 'closeAllConnections', 'getLogs', 'testDelay', 'getVersion']);
     api.getSettings = function () {
       return callNative('getSettings', []).then(function (settings) {
         if (isPlainObject(settings)) {

@@ -9,6 +9,7 @@
 #include "base/constants.h"
 #include "base/redaction.h"
 #include "bridge/literals.h"
+#include "config/routing_mode.h"
 #include "net/port_probe.h"
 #include "qev/deployment.h"
 #include "relay/api_base.h"
@@ -187,6 +188,17 @@ void NativeBridge::registerCommands() {
     resolve(configCommands_->configPayload());
   };
   commands_["updateConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    // A mode is saved before the core is asked, so the saved one is reported either way.
+    if (config::runtimeModeFromArgs(args)) {
+      resolve = [this, resolve = std::move(resolve)](Json value) {
+        pushEvent("mode", {{"mode", routingMode()}});
+        resolve(std::move(value));
+      };
+      reject = [this, reject = std::move(reject)](BridgeError error) {
+        pushEvent("mode", {{"mode", routingMode()}});
+        reject(std::move(error));
+      };
+    }
     configCommands_->updateConfig(args, std::move(resolve), std::move(reject));
   };
   commands_["writeConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
@@ -202,13 +214,37 @@ void NativeBridge::registerCommands() {
     proxySwitch_->getServers(std::move(resolve));
   };
   commands_["setProxy"] = [this](const Json& args, Resolve resolve, Reject reject) {
-    proxySelection_->setProxy(args, std::move(resolve), std::move(reject));
+    proxySelection_->setProxy(
+        args,
+        [this, resolve = std::move(resolve)](Json value) {
+          pushEvent("node", {{"name", lastChosenNode()}});
+          resolve(std::move(value));
+        },
+        std::move(reject));
+  };
+  // The page's language, for the texts of the native menus.
+  commands_["setLanguage"] = [this](const Json& args, Resolve resolve, Reject) {
+    const Json* language = base::firstArg(args);
+    if (language == nullptr || !language->is_string()) {
+      resolve(false);
+      return;
+    }
+    pushEvent("language", {{"language", *language}});
+    resolve(true);
   };
   commands_["startProxy"] = [this](const Json&, Resolve resolve, Reject reject) {
-    proxySwitch_->startProxy(std::move(resolve), std::move(reject));
+    proxySwitch_->startProxy(
+        [this, resolve = std::move(resolve)](Json value) {
+          pushEvent("proxyState", {{"connected", true}, {"reason", "started"}});
+          resolve(std::move(value));
+        },
+        std::move(reject));
   };
   const Command stop = [this](const Json&, Resolve resolve, Reject) {
-    proxySwitch_->stopProxy(std::move(resolve));
+    proxySwitch_->stopProxy([this, resolve = std::move(resolve)](Json value) {
+      pushEvent("proxyState", {{"connected", false}, {"reason", "stopped"}});
+      resolve(std::move(value));
+    });
   };
   commands_["closeProxy"] = stop;
   commands_["stopProxy"] = stop;
@@ -309,11 +345,13 @@ void NativeBridge::deliver(Answer answer) {
   if (auto sink = sink_.lock()) sink->deliver(answer);
 }
 
-void NativeBridge::pushEvent(std::string name, Json payload) {
+void NativeBridge::pushEvent(std::string name, Json payload, bool toPage) {
   Event event{std::move(name), std::move(payload), {}};
   event.statement = "window.__nativeBridgeEvent && window.__nativeBridgeEvent(" +
                     jsonLiteral(event.name) + ", " + jsonLiteral(event.payload) + ");";
-  seams_.mainQueue->post([this, event = std::move(event)] {
+  seams_.mainQueue->post([this, toPage, event = std::move(event)] {
+    for (const auto& observer : observers_) observer(event.name, event.payload);
+    if (!toPage) return;
     if (auto sink = sink_.lock()) sink->push(event);
   });
 }
@@ -325,9 +363,7 @@ void NativeBridge::start() {
   proxySwitch_->restoreProxyIfNeeded([this](bool connected, std::string reason) {
     pushEvent("proxyState", {{"connected", connected}, {"reason", std::move(reason)}});
   });
-  liveFeed_.start([this](const Json& traffic) {
-    if (pageVisible_) pushEvent("traffic", traffic);
-  });
+  liveFeed_.start([this](const Json& traffic) { pushEvent("traffic", traffic, pageVisible_); });
   autoUpdater_->start();
 }
 

@@ -90,8 +90,13 @@ class NativeBridge {
   void resolve(const std::string& id, const Json& result);
   void reject(const std::string& id, const std::string& message);
 
-  // Tells the page `name` with `payload`; any thread.
-  void pushEvent(std::string name, Json payload);
+  // Tells the page and the event observers `name` with `payload`; any thread. With `toPage`
+  // false only the observers hear it.
+  void pushEvent(std::string name, Json payload, bool toPage = true);
+  // Hears every event on the main queue: what the native parts of the shell (the tray) follow.
+  // Besides the page's events: "mode" {mode}, "node" {name} and "language" {language}.
+  using EventObserver = std::function<void(const std::string& name, const Json& payload)>;
+  void observeEvents(EventObserver observer) { observers_.push_back(std::move(observer)); }
   // Once the page is loading: clears a system proxy left pointing at a dead port, re-applies it
   // when the user left it on, and starts the live feeds and subscription updates. Returns at once.
   void start();
@@ -104,6 +109,10 @@ class NativeBridge {
   std::size_t commandsInFlight() const { return inFlight_.load(); }
 
   const storage::Profile& profile() const { return profile_; }
+  // The node the user chose last, "" before any choice.
+  std::string lastChosenNode() const { return selection_.get().name; }
+  // The saved routing mode.
+  std::string routingMode() const { return settings_.readModeSetting(); }
   const DiagnosticLog& log() const { return log_; }
   // Wishes for the system proxy (start/stop, selection, restore at start, shutdown).
   sysproxy::SystemProxyRequests& systemProxy() { return *systemProxy_; }
@@ -155,6 +164,7 @@ class NativeBridge {
   std::unique_ptr<proxies::LiveCommands> liveCommands_;
   std::unique_ptr<subscription::AutoUpdater> autoUpdater_;
   std::atomic<bool> pageVisible_{false};
+  std::vector<EventObserver> observers_;  // main queue only
   CommandTable commands_;
   std::weak_ptr<AnswerSink> sink_;  // main thread only
   std::atomic<std::size_t> inFlight_{0};

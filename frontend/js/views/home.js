@@ -1,4 +1,4 @@
-// Home: the account summary, the connect button and the selected node.
+// Home: the account summary, the connect button, the live speed and routing, the selected node.
 import { say } from '../errors.js';
 import { expiryState, formatBytes, resetState, trafficSummary } from '../format.js';
 import { powerIcon, chevronIcon } from './icons.js';
@@ -91,6 +91,24 @@ function connectPanel(h, t, state, actions) {
     problem);
 }
 
+// While connected: the speed up and down, and how traffic is routed, at a glance.
+function liveRow(h, t, state) {
+  const settings = state.settings;
+  const mode = t(`settings.mode.${settings.mode}`);
+  const routing = h('p', { class: 'routing muted' },
+    h('span', { class: 'routing-mode' }, t('home.routing', { mode })), ' · ',
+    h('span', { class: 'routing-tun' }, t(settings.tun ? 'home.tunOn' : 'home.tunOff')));
+  if (state.connection.status !== 'on') {
+    return routing;
+  }
+  const speed = state.speed || { up: 0, down: 0 };
+  return h('div', { class: 'live' },
+    h('dl', { class: 'speed', 'aria-label': t('home.speed') },
+      h('div', { class: 'speed-up' }, h('dt', {}, '↑ ', t('home.upload')), h('dd', {}, `${formatBytes(speed.up)}/s`)),
+      h('div', { class: 'speed-down' }, h('dt', {}, '↓ ', t('home.download')), h('dd', {}, `${formatBytes(speed.down)}/s`))),
+    routing);
+}
+
 function nodeRow(h, t, state, actions) {
   const nodes = state.nodes;
   const name = nodes.current || state.rememberedNode;
@@ -106,5 +124,6 @@ export function homeView(h, t, state, actions) {
     h('h1', { class: 'sr-only' }, t('nav.home')),
     accountCard(h, t, state, actions),
     connectPanel(h, t, state, actions),
+    liveRow(h, t, state),
     nodeRow(h, t, state, actions));
 }

@@ -161,8 +161,16 @@ class DesktopShell {
     gtk_container_add(GTK_CONTAINER(window_), webView_->widget());
     gtk_widget_show(webView_->widget());
 
-    tray_ = std::make_unique<TrayItem>(G_APPLICATION(application_), kApplicationId,
-                                       resources / "icons");
+    trayMenu_ = std::make_unique<TrayMenu>(
+        *bridge_, TrayMenu::WindowActions{[this] {
+                                            g_action_group_activate_action(
+                                                G_ACTION_GROUP(application_), "show", nullptr);
+                                          },
+                                          [this] {
+                                            g_action_group_activate_action(
+                                                G_ACTION_GROUP(application_), "quit", nullptr);
+                                          }});
+    tray_ = std::make_unique<TrayItem>(*trayMenu_, kApplicationId, resources / "icons");
     webView_->load(kStartPageUrl);
     bridge_->start();
     showWindow();
@@ -201,6 +209,7 @@ class DesktopShell {
     answers_.reset();
     webView_.reset();
     tray_.reset();
+    trayMenu_.reset();
     if (window_) {
       gtk_widget_destroy(window_);
       g_object_unref(window_);
@@ -221,6 +230,7 @@ class DesktopShell {
   std::unique_ptr<WebViewHost> webView_;
   std::shared_ptr<WebViewAnswerSink> answers_;
   GtkWidget* window_ = nullptr;
+  std::unique_ptr<TrayMenu> trayMenu_;
   std::unique_ptr<TrayItem> tray_;
 };
 

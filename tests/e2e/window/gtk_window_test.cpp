@@ -193,6 +193,27 @@ TEST_F(DesktopWindowTest, PageTalksToTheBridgeThroughTheRuntimeScript) {
   EXPECT_EQ(app.countLog("native.webview.loadFailed"), 0u);
 }
 
+TEST_F(DesktopWindowTest, TrayMenuSpeaksThePageLanguageAndSwitchesTheRoutingMode) {
+  writeScenario("window.__qevjs.setLanguage('en').then((ok) => probe.report('language', ok));");
+  auto& app = start();
+  waitForMainWindow();
+  EXPECT_EQ(app.waitForLog("probe.language"), "true");
+  ASSERT_TRUE(eventually([&] { return app.trayEntry("Show Window").has_value(); }))
+      << "the tray stayed in Chinese";
+  for (const char* label : {"Connect", "Global", "Direct", "No node chosen", "Quit"}) {
+    EXPECT_TRUE(app.trayEntry(label)) << label;
+  }
+  EXPECT_TRUE(app.trayEntryChecked("Rule"));
+
+  const auto global = app.trayEntry("Global");
+  ASSERT_TRUE(global);
+  ASSERT_TRUE(app.clickTrayEntry(*global));
+  // Saved at once, whether or not a core runs to take it up.
+  EXPECT_TRUE(eventually([&] { return app.trayEntryChecked("Global"); }));
+  EXPECT_FALSE(app.trayEntryChecked("Rule"));
+  EXPECT_TRUE(app.waitForEntry("native.mode.set: global"));
+}
+
 TEST_F(DesktopWindowTest, NativeEventsReachThePageWhileTheWindowShows) {
   // A stored subscription, the proxy left on, and a core that takes its time to start: the
   // restore finishes while the page listens, and traffic samples follow once a second.

@@ -417,19 +417,14 @@ class DesktopQev {
 
   // The dbusmenu id of the tray entry with this label, read from the exported menu.
   std::optional<int> trayEntry(const std::string& label) const {
-    const auto layout = tool({"gdbus", "call", "--session", "--dest", "com.qevjs.native",
-                              "--object-path", kTrayMenuPath, "--method",
-                              "com.canonical.dbusmenu.GetLayout", "--", "0", "-1", "[]"});
-    std::smatch m;
-    // Entries read "(<id>, {... 'label': <'text'> ...}, @av [])".
-    const std::regex entry("\\((\\d+), \\{([^{}]*)\\}");
-    for (auto it = std::sregex_iterator(layout.output.begin(), layout.output.end(), entry);
-         it != std::sregex_iterator(); ++it) {
-      if ((*it)[2].str().find("'label': <'" + label + "'>") != std::string::npos) {
-        return std::stoi((*it)[1].str());
-      }
-    }
-    return std::nullopt;
+    const auto entry = trayEntryProperties(label);
+    return entry ? std::optional<int>(entry->first) : std::nullopt;
+  }
+
+  // Whether the tray entry with this label is a choice that is on.
+  bool trayEntryChecked(const std::string& label) const {
+    const auto entry = trayEntryProperties(label);
+    return entry && entry->second.find("'toggle-state': <1>") != std::string::npos;
   }
 
   // A property of the exported tray item, as gdbus prints it (e.g. "(<'QEV'>,)").
@@ -450,6 +445,22 @@ class DesktopQev {
   bool screenshot(const fs::path& file) const {
     fs::create_directories(file.parent_path());
     return tool({"import", "-window", "root", file.string()}).status == 0;
+  }
+
+  // The id and the properties of the tray entry with this label.
+  std::optional<std::pair<int, std::string>> trayEntryProperties(const std::string& label) const {
+    const auto layout = tool({"gdbus", "call", "--session", "--dest", "com.qevjs.native",
+                              "--object-path", kTrayMenuPath, "--method",
+                              "com.canonical.dbusmenu.GetLayout", "--", "0", "-1", "[]"});
+    // Entries read "(<id>, {... 'label': <'text'> ...}, @av [])".
+    const std::regex entry("\\((\\d+), \\{([^{}]*)\\}");
+    for (auto it = std::sregex_iterator(layout.output.begin(), layout.output.end(), entry);
+         it != std::sregex_iterator(); ++it) {
+      if ((*it)[2].str().find("'label': <'" + label + "'>") != std::string::npos) {
+        return std::pair{std::stoi((*it)[1].str()), (*it)[2].str()};
+      }
+    }
+    return std::nullopt;
   }
 
   static fs::path inFolder(const fs::path& folder, const char* name) {
