@@ -248,6 +248,9 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   EXPECT_EQ(gsetting("org.gnome.system.proxy.http", "host"), "'127.0.0.1'");
   EXPECT_EQ(gsetting("org.gnome.system.proxy.http", "port"), "33210");
   EXPECT_EQ(gsetting("org.gnome.system.proxy.socks", "port"), "33211");
+  // The core's speed, once a second, and the routing at a glance.
+  ASSERT_TRUE(waitUntil("/^\\d+(\\.\\d+)? [KMG]?B\\/s$/.test($t.text('.speed-down dd'))", 10s));
+  EXPECT_EQ(text(".routing"), "规则模式 · TUN 未开启");
   screenshot("home-connected-zh");
 
   // Routing mode: saved and applied to the running core.
@@ -274,6 +277,7 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   click("tab:home");
   EXPECT_EQ(text(".traffic-used"), "2.34 GB of 100 GB used");
   EXPECT_EQ(text("#connect-status"), "Connected");
+  EXPECT_EQ(text(".routing"), "Global mode · TUN off");
   screenshot("home-en");
 
   // Disconnect: the system proxy goes off.
