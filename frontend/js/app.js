@@ -31,6 +31,7 @@ const SERVER_POLL_LIMIT = 40;
 const LATENCY_PARALLEL = 4;
 const SETTINGS_POLL_MS = 250;
 const SETTINGS_POLL_LIMIT = 8;
+const NOTICE_MS = 4000; // how long a notice of success stays
 
 function initialState(language) {
   return {
@@ -91,6 +92,18 @@ export function startApp(window, options = {}) {
   let generation = 0; // bumps at every sign-out, so late answers of the old session are dropped
   let pollTimer = null;
   let lastAnnouncement = '';
+
+  // Notices of success go away by themselves; errors stay until the next action.
+  function fadeNotice(pick, clear) {
+    const notice = pick(state);
+    if (notice && !notice.error) {
+      window.setTimeout(() => {
+        if (pick(state) === notice) {
+          update(clear);
+        }
+      }, NOTICE_MS);
+    }
+  }
 
   // ---- drawing ---------------------------------------------------------------------------
 
@@ -429,6 +442,7 @@ export function startApp(window, options = {}) {
         return;
       }
       update((s) => { s.nodes.switching = ''; s.nodes.message = message; });
+      fadeNotice((s) => s.nodes.message, (s) => { s.nodes.message = null; });
       announce(say(t, message));
       const current = state.nodes.current;
       await refreshServers();
@@ -482,6 +496,7 @@ export function startApp(window, options = {}) {
         return;
       }
       update((s) => { s.nodes.refreshing = false; s.nodes.message = message; s.nodes.loaded = true; });
+      fadeNotice((s) => s.nodes.message, (s) => { s.nodes.message = null; });
       announce(say(t, message));
       await refreshServers();
     },
@@ -501,6 +516,7 @@ export function startApp(window, options = {}) {
             s.settings.modeMessage = { key: 'settings.modeFailed', params: { detail: nativeErrorMessage(error) }, error: true };
           }
         });
+        fadeNotice((s) => s.settings.modeMessage, (s) => { s.settings.modeMessage = null; });
         announce(say(t, state.settings.modeMessage));
       }
     },

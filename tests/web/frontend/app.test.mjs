@@ -83,6 +83,7 @@ describe('connecting', () => {
       assert.equal($(document, '.node[aria-pressed=true] .node-name').textContent, 'HK-01');
       click(document, 'node:JP-02 东京');
       await until(() => text(document, '.nodes .notice') === 'Switched to JP-02 东京.', 'the switch');
+      await until(() => !$(document, '.nodes .notice'), 'the notice going away by itself', 6000);
       assert.deepEqual(plain(page.bridge.calls('setProxy').map((c) => c.args)), [['JP-02 东京']]);
       assert.equal($(document, '.node[aria-pressed=true] .node-name').textContent, 'JP-02 东京');
 

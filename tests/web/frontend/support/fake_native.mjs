@@ -226,8 +226,8 @@ export function type(element, value) {
   element.dispatchEvent(new element.ownerDocument.defaultView.Event('input', { bubbles: true }));
 }
 
-export async function until(predicate, what) {
-  return waitFor(predicate, { timeout: 4000, what });
+export async function until(predicate, what, timeout = 4000) {
+  return waitFor(predicate, { timeout, what });
 }
 
 export { settle };
