@@ -10,8 +10,9 @@ import { forEachLimited, measureDelay, nodeListFrom } from './servers.js';
 import {
   adoptLogin, clearSession, hasSession, lastSubscribeUrl, saveLanguage, savedLanguage, sessionCredential,
 } from './session.js';
+import { activityView } from './views/activity.js';
 import { homeView } from './views/home.js';
-import { homeIcon, nodesIcon, settingsIcon } from './views/icons.js';
+import { activityIcon, homeIcon, nodesIcon, settingsIcon } from './views/icons.js';
 import { loginView } from './views/login.js';
 import { MODES, settingsView } from './views/settings.js';
 import { nodesView } from './views/nodes.js';
@@ -19,6 +20,7 @@ import { nodesView } from './views/nodes.js';
 const TABS = [
   ['home', 'nav.home', homeIcon],
   ['nodes', 'nav.nodes', nodesIcon],
+  ['activity', 'nav.activity', activityIcon],
   ['settings', 'nav.settings', settingsIcon],
 ];
 const LOGIN_NOTICE_KEY = 'qev.loginNotice';
@@ -32,6 +34,7 @@ const LATENCY_PARALLEL = 4;
 const SETTINGS_POLL_MS = 250;
 const SETTINGS_POLL_LIMIT = 8;
 const NOTICE_MS = 4000; // how long a notice of success stays
+const ACTIVITY_POLL_MS = 1000;
 
 function initialState(language) {
   return {
@@ -44,6 +47,7 @@ function initialState(language) {
     account: { status: 'idle', data: null, error: null },
     connection: { status: 'off', error: null },
     speed: null, // { up, down } in bytes per second while connected
+    activity: { view: 'connections', connections: [], logs: [], level: 'info', copied: false },
     nodes: {
       list: [], current: '', loaded: false, delays: {}, testing: false, switching: '', refreshing: false, message: null,
     },
@@ -105,6 +109,34 @@ export function startApp(window, options = {}) {
     }
   }
 
+  // The activity tab reads the core's connections or log once a second while it shows.
+  let activityPolling = false;
+  async function loadActivity() {
+    try {
+      if (state.activity.view === 'logs') {
+        const logs = await native.getLogs(state.activity.level);
+        update((s) => { s.activity.logs = Array.isArray(logs) ? logs.slice().reverse() : []; });
+      } else {
+        const answer = await native.getConnections();
+        const list = answer && Array.isArray(answer.connections) ? answer.connections : [];
+        update((s) => { s.activity.connections = list; });
+      }
+    } catch (_) {
+      // Without a core there is nothing to show; the empty state says so.
+    }
+  }
+  async function pollActivity() {
+    if (activityPolling) {
+      return;
+    }
+    activityPolling = true;
+    while (state.tab === 'activity' && state.phase === 'app') {
+      await loadActivity();
+      await wait(ACTIVITY_POLL_MS);
+    }
+    activityPolling = false;
+  }
+
   // ---- drawing ---------------------------------------------------------------------------
 
   function announce(text) {
@@ -133,6 +165,9 @@ export function startApp(window, options = {}) {
     }
     if (state.tab === 'nodes') {
       return nodesView(h, t, state, actions);
+    }
+    if (state.tab === 'activity') {
+      return activityView(h, t, state, actions);
     }
     return state.tab === 'settings' ? settingsView(h, t, state, actions) : homeView(h, t, state, actions);
   }
@@ -298,9 +333,42 @@ export function startApp(window, options = {}) {
       if (tab === 'nodes') {
         refreshServers();
       }
+      if (tab === 'activity') {
+        pollActivity();
+      }
       const content = document.getElementById('content');
       if (content) {
         content.scrollTop = 0;
+      }
+    },
+
+    showActivity(view) {
+      update((s) => { s.activity.view = view; s.activity.copied = false; });
+      loadActivity();
+    },
+
+    async closeConnection(id) {
+      await native.closeConnection(id).catch(() => {});
+      loadActivity();
+    },
+
+    async closeAllConnections() {
+      await native.closeAllConnections().catch(() => {});
+      loadActivity();
+    },
+
+    setLogLevel(level) {
+      update((s) => { s.activity.level = level; });
+      loadActivity();
+    },
+
+    async copyLogs() {
+      const text = state.activity.logs.map((line) => `${line.time} [${line.level}] ${line.text}`).join('\n');
+      try {
+        await window.navigator.clipboard.writeText(text);
+        update((s) => { s.activity.copied = true; });
+      } catch (_) {
+        // Without a clipboard the lines stay selectable on the page.
       }
     },
 

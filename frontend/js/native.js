@@ -36,6 +36,10 @@ export function createNative(window) {
     getSettings: () => qevjs('getSettings'),
     setTun: (enabled) => qevjs('setTun', enabled),
     setLanguage: (language) => qevjs('setLanguage', language),
+    getConnections: () => qevjs('getConnections'),
+    closeConnection: (id) => qevjs('closeConnection', id),
+    closeAllConnections: () => qevjs('closeAllConnections'),
+    getLogs: (level) => qevjs('getLogs', level),
 
     // News the native side sends unasked ("proxyState", "traffic", "mode", ...).
     onEvent(name, listener) {

@@ -41,3 +41,7 @@ export function settingsIcon(h) {
     h('circle', { ...STROKE, cx: '16', cy: '7', r: '2' }),
     h('circle', { ...STROKE, cx: '8', cy: '17', r: '2' }));
 }
+
+export function activityIcon(h) {
+  return icon(h, 'icon-tab', h('path', { ...STROKE, d: 'M3 12h4l3-8 4 16 3-8h4' }));
+}

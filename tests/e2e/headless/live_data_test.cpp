@@ -1,14 +1,12 @@
 // Live data end to end: the account's numbers and scheduled refreshes of the subscription, and
 // traffic, connections, the core's log, delay tests and versions from a running test core.
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <ctime>
 
 #include "connected_qev.h"
 #include "loopback_site.h"
+#include "tunnel_client.h"
 
 namespace qev::test {
 namespace {
@@ -26,47 +24,6 @@ class LiveDataTest : public ProxyFlowTest {
     return std::any_of(lines.begin(), lines.end(),
                        [&](const Json& line) { return line.value("event", "") == name; });
   }
-};
-
-// A client of the core's mixed port that tunnels to `port` and fetches "/" once.
-class TunnelClient {
- public:
-  explicit TunnelClient(int port) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(33210);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return;
-    const std::string target = "127.0.0.1:" + std::to_string(port);
-    send("CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n\r\n");
-    established_ = receive().rfind("HTTP/1.1 200", 0) == 0;
-    send("GET / HTTP/1.1\r\nHost: " + target + "\r\n\r\n");
-    for (int part = 0; part < 4 && page_.find("</p>") == std::string::npos; ++part) {
-      page_ += receive();
-    }
-  }
-  ~TunnelClient() { ::close(fd_); }
-
-  bool established() const { return established_; }
-  const std::string& page() const { return page_; }
-  // Whether the core has closed the tunnel (a read sees the end).
-  bool closedByPeer() const {
-    char byte;
-    return ::recv(fd_, &byte, 1, MSG_DONTWAIT) == 0;
-  }
-
- private:
-  void send(const std::string& text) const { (void)!::send(fd_, text.data(), text.size(), 0); }
-  std::string receive() const {
-    char buffer[4096];
-    const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-    return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
-  }
-
-  int fd_ = -1;
-  bool established_ = false;
-  std::string page_;
 };
 
 TEST_F(LiveDataTest, AccountNumbersAreKeptAndTheLinkIsRefreshedOnSchedule) {

@@ -22,9 +22,11 @@
 #include "base/json.h"
 #include "base/strings.h"
 #include "gtk/desktop_session.h"
+#include "loopback_site.h"
 #include "temp_home.h"
 #include "test_config.h"
 #include "test_processes.h"
+#include "tunnel_client.h"
 
 namespace qev::test {
 namespace {
@@ -253,6 +255,25 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   EXPECT_EQ(text(".routing"), "规则模式 · TUN 未开启");
   screenshot("home-connected-zh");
 
+  // Activity: a real tunnel through the core is listed and closed from the page; the core's
+  // log follows, filtered by level.
+  LoopbackSite site;
+  TunnelClient tunnel(std::stoi(site.origin().substr(site.origin().rfind(':') + 1)));
+  ASSERT_TRUE(tunnel.established());
+  click("tab:activity");
+  ASSERT_TRUE(waitUntil("$t.text('.connection-host') === '127.0.0.1'", 10s));
+  EXPECT_NE(text(".connection-route").find("日本02"), std::string::npos)
+      << text(".connection-route");
+  screenshot("connections-zh");
+  run("document.querySelector('.close-button').click()");
+  ASSERT_TRUE(waitUntil("!document.querySelector('.connection')", 10s));
+  EXPECT_TRUE(eventually([&] { return tunnel.closedByPeer(); }, 5s));
+  click("activity:logs");
+  ASSERT_TRUE(waitUntil("$t.texts('.log-line').some((l) => l.includes('127.0.0.1'))", 10s));
+  screenshot("logs-zh");
+  run("const s = $t.key('log-level'); s.value = 'error'; s.dispatchEvent(new Event('change'))");
+  ASSERT_TRUE(waitUntil("$t.texts('.log-line').every((l) => l.startsWith('error'))", 10s));
+
   // Routing mode: saved and applied to the running core.
   click("tab:settings");
   EXPECT_TRUE(run("document.querySelector('#mode-rule').checked").get<bool>());
@@ -279,6 +300,13 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   EXPECT_EQ(text("#connect-status"), "Connected");
   EXPECT_EQ(text(".routing"), "Global mode · TUN off");
   screenshot("home-en");
+  click("tab:activity");
+  ASSERT_TRUE(waitUntil("$t.text('.view-title') === 'Activity'"));
+  screenshot("logs-en");
+  click("activity:connections");
+  ASSERT_TRUE(waitUntil("document.querySelector('.connection-list, .activity .empty')"));
+  screenshot("connections-en");
+  click("tab:home");
 
   // Disconnect: the system proxy goes off.
   click("connect");

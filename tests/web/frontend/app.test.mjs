@@ -178,11 +178,11 @@ describe('settings', () => {
     await withApp({ languages: ['zh-CN'] }, async ({ document, window }) => {
       await until(() => $(document, '#plan-name'), 'the home page');
       assert.equal(document.documentElement.lang, 'zh-CN');
-      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['首页', '节点', '设置']);
+      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['首页', '节点', '活动', '设置']);
       byKey(document, 'lang-toggle').focus();
       click(document, 'lang-toggle');
       assert.equal(document.documentElement.lang, 'en');
-      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['Home', 'Nodes', 'Settings']);
+      assert.deepEqual(Array.from(document.querySelectorAll('.tab-label')).map((e) => e.textContent), ['Home', 'Nodes', 'Activity', 'Settings']);
       assert.equal(text(document, '.traffic-used'), '2.34 GB of 100 GB used');
       assert.equal(window.localStorage.getItem('qev.language'), 'en');
       assert.equal(document.activeElement, byKey(document, 'lang-toggle'), 'focus stays on the toggle');

@@ -16,7 +16,7 @@ function sourceFiles(folder) {
   });
 }
 
-const KEY_PREFIXES = ['app', 'lang', 'nav', 'login', 'home', 'connect', 'nodes', 'settings', 'error'];
+const KEY_PREFIXES = ['activity', 'app', 'lang', 'nav', 'login', 'home', 'connect', 'nodes', 'settings', 'error'];
 
 // Every table key written literally in the frontend's code, plus the keys built from the modes.
 function keysUsedInCode() {
