@@ -50,6 +50,7 @@ function initialState(language) {
     activity: { view: 'connections', connections: [], logs: [], level: 'info', copied: false },
     nodes: {
       list: [], current: '', loaded: false, delays: {}, testing: false, switching: '', refreshing: false, message: null,
+      query: '', sort: 'order',
     },
     settings: {
       mode: 'rule', tun: false, tunBusy: false, autoLaunch: false, autoLaunchBusy: false, version: '',
@@ -493,6 +494,13 @@ export function startApp(window, options = {}) {
       try {
         const switched = await native.setProxy(name);
         message = switched === false ? { key: 'nodes.coreDown', params: { name } } : { key: 'nodes.selected', params: { name } };
+        // While connected the new node carries the traffic at once: say how it answers.
+        if (switched !== false && state.connection.status === 'on') {
+          const result = await measureDelay(fetchFn, name);
+          update((s) => { s.nodes.delays[name] = result; });
+          message = result.delay ? { key: 'nodes.selectedDelay', params: { name, ms: Math.round(result.delay) } }
+            : { key: 'nodes.selectedSilent', params: { name }, error: true };
+        }
         if (mine === generation) {
           update((s) => {
             s.nodes.current = name;
@@ -527,18 +535,39 @@ export function startApp(window, options = {}) {
       const mine = generation;
       const list = state.nodes.list.slice();
       update((s) => {
-        s.nodes.testing = true;
+        s.nodes.testing = { done: 0, total: list.length };
         s.nodes.delays = {};
         list.forEach((node) => { s.nodes.delays[node.name] = 'testing'; });
       });
       await forEachLimited(list, LATENCY_PARALLEL, (node) => measureDelay(fetchFn, node.name), (node, result) => {
         if (mine === generation) {
-          update((s) => { s.nodes.delays[node.name] = result; });
+          update((s) => {
+            s.nodes.delays[node.name] = result;
+            s.nodes.testing = { done: s.nodes.testing.done + 1, total: list.length };
+          });
         }
       });
       if (mine === generation) {
         update((s) => { s.nodes.testing = false; });
       }
+    },
+
+    async testNode(name) {
+      if (state.nodes.delays[name] === 'testing') {
+        return;
+      }
+      update((s) => { s.nodes.delays[name] = 'testing'; });
+      const result = await measureDelay(fetchFn, name);
+      update((s) => { s.nodes.delays[name] = result; });
+    },
+
+    searchNodes(query) {
+      state.nodes.query = query;
+      render();
+    },
+
+    sortNodes(sort) {
+      update((s) => { s.nodes.sort = sort; });
     },
 
     async refreshSubscription() {

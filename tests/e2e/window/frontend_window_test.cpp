@@ -349,6 +349,16 @@ TEST_F(FrontendWindowTest, DeadNodeShowsUnavailableAndLeavesTheProxyOff) {
   ASSERT_TRUE(waitUntil("$t.text('#connect-status') === '已连接'", 60s)) << logTail();
   EXPECT_EQ(gsetting("org.gnome.system.proxy", "mode"), "'manual'");
 
+  // Switching to the dead node while connected: found by search, then a warning, not silence.
+  click("tab:nodes");
+  run("const s = $t.key('node-search'); s.value = '港'; s.dispatchEvent(new Event('input'))");
+  ASSERT_TRUE(waitUntil("$t.texts('.node-name').join() === '香港01'"));
+  click("node:香港01");
+  ASSERT_TRUE(waitUntil("document.querySelector('.nodes .alert')", 30s)) << logTail();
+  EXPECT_EQ(text(".nodes .alert"),
+            "已切换到 香港01，但它没有响应：当前连接可能无法使用，请换一个节点。");
+  screenshot(dark ? "nodes-dead-warning-zh-dark" : "nodes-dead-warning-zh");
+
   // Quitting with the proxy on leaves the desktop direct and no plaintext behind.
   app_->app().signal(SIGTERM);
   const auto status = app_->app().waitExit(90s);

@@ -120,6 +120,34 @@ describe('nodes', () => {
       ]);
       const urls = page.bridge.httpRequests().map((r) => r.url).filter((url) => url.includes('/delay'));
       assert.ok(urls.includes('http://127.0.0.1:33212/proxies/US%2F03%20Los%20Angeles/delay?timeout=5000&url=http%3A%2F%2Fwww.gstatic.com%2Fgenerate_204'));
+
+      // Sorted by latency, untested and failed last; searched by any part of the name.
+      const sort = byKey(document, 'node-sort');
+      sort.value = 'latency';
+      sort.dispatchEvent(new page.window.Event('change'));
+      assert.deepEqual(Array.from(document.querySelectorAll('.node-name')).map((e) => e.textContent),
+        ['HK-01', 'JP-02 东京', 'US/03 Los Angeles']);
+      type(byKey(document, 'node-search'), 'los');
+      assert.deepEqual(Array.from(document.querySelectorAll('.node-name')).map((e) => e.textContent), ['US/03 Los Angeles']);
+      type(byKey(document, 'node-search'), 'nothing like it');
+      assert.equal(text(document, '.nodes .empty'), 'No node matches');
+    });
+  });
+
+  it('switching while connected reports the new node\'s latency, or warns that it is silent', async () => {
+    await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, native }) => {
+      await nodesReady(document);
+      click(document, 'tab:home');
+      click(document, 'connect');
+      await until(() => text(document, '#connect-status') === 'Connected', 'the connection');
+      click(document, 'tab:nodes');
+      click(document, 'node:JP-02 东京');
+      await until(() => text(document, '.nodes .notice') === 'Switched to JP-02 东京: 320 ms.', 'the latency');
+      delete native.delays['HK-01'];
+      click(document, 'node:HK-01');
+      await until(() => $(document, '.nodes .alert'), 'the warning');
+      assert.equal(text(document, '.nodes .alert'),
+        'Switched to HK-01, but it does not answer: the connection may not work. Choose another node.');
     });
   });
 
