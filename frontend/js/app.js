@@ -6,7 +6,7 @@ import { isCoreDown, isNodeUnavailable, nativeErrorMessage, panelFailureMessage,
 import { pickLanguage, translator } from './i18n.js';
 import { createNative, versionFrom } from './native.js';
 import { getSubscribe, getWebsite, login } from './panel.js';
-import { forEachLimited, measureDelay, nodeListFrom } from './servers.js';
+import { forEachLimited, measureDelay, nodeListFrom, SELECTOR_GROUP, selectorGroups } from './servers.js';
 import {
   adoptLogin, clearSession, hasSession, lastSubscribeUrl, saveLanguage, savedLanguage, sessionCredential,
 } from './session.js';
@@ -50,7 +50,7 @@ function initialState(language) {
     activity: { view: 'connections', connections: [], logs: [], level: 'info', copied: false },
     nodes: {
       list: [], current: '', loaded: false, delays: {}, testing: false, switching: '', refreshing: false, message: null,
-      query: '', sort: 'order',
+      query: '', sort: 'order', groups: [], group: SELECTOR_GROUP, mainCurrent: '',
     },
     settings: {
       mode: 'rule', tun: false, tunBusy: false, autoLaunch: false, autoLaunchBusy: false, version: '',
@@ -198,11 +198,19 @@ export function startApp(window, options = {}) {
 
   // ---- native state ------------------------------------------------------------------------
 
+  let lastTable = false; // the last proxy table, so that another group shows without a call
+
   function applyServers(table) {
-    const { nodes, current } = nodeListFrom(table);
+    lastTable = table;
+    const groups = selectorGroups(table);
+    const group = groups.includes(state.nodes.group) ? state.nodes.group : SELECTOR_GROUP;
+    const { nodes, current } = nodeListFrom(table, group);
     update((s) => {
+      s.nodes.groups = groups;
+      s.nodes.group = group;
       s.nodes.list = nodes;
       s.nodes.current = current;
+      s.nodes.mainCurrent = nodeListFrom(table).current;
       s.nodes.loaded = s.nodes.loaded || nodes.length > 0;
     });
     return nodes.length;
@@ -492,7 +500,8 @@ export function startApp(window, options = {}) {
       update((s) => { s.nodes.switching = name; s.nodes.message = null; });
       let message;
       try {
-        const switched = await native.setProxy(name);
+        const group = state.nodes.group;
+        const switched = await (group === SELECTOR_GROUP ? native.setProxy(name) : native.setProxy({ group, name }));
         message = switched === false ? { key: 'nodes.coreDown', params: { name } } : { key: 'nodes.selected', params: { name } };
         // While connected the new node carries the traffic at once: say how it answers.
         if (switched !== false && state.connection.status === 'on') {
@@ -504,7 +513,10 @@ export function startApp(window, options = {}) {
         if (mine === generation) {
           update((s) => {
             s.nodes.current = name;
-            s.rememberedNode = name;
+            if (s.nodes.group === SELECTOR_GROUP) {
+              s.nodes.mainCurrent = name;
+              s.rememberedNode = name;
+            }
             // A new node is worth another try after the old one failed.
             if (s.connection.status === 'unavailable' || s.connection.status === 'failed') {
               s.connection = { status: 'off', error: null };
@@ -559,6 +571,12 @@ export function startApp(window, options = {}) {
       update((s) => { s.nodes.delays[name] = 'testing'; });
       const result = await measureDelay(fetchFn, name);
       update((s) => { s.nodes.delays[name] = result; });
+    },
+
+    showGroup(group) {
+      state.nodes.group = group;
+      applyServers(lastTable);
+      refreshServers();
     },
 
     searchNodes(query) {

@@ -20,14 +20,32 @@ function lastDelay(entry) {
   return delay > 0 ? delay : null;
 }
 
+function isSelector(entry) {
+  return isObject(entry) && typeof entry.type === 'string' && entry.type.toLowerCase() === 'selector' &&
+    Array.isArray(entry.all);
+}
+
+// The groups the user may switch: "SELECT" (the main group) first, then every other selector
+// in table order, without GLOBAL and without the group "SELECT" is a copy of ("aliasOf").
+export function selectorGroups(table) {
+  if (!isObject(table)) {
+    return [];
+  }
+  const main = table[SELECTOR_GROUP];
+  const skipped = new Set([SELECTOR_GROUP, 'GLOBAL', isObject(main) ? main.aliasOf : undefined]);
+  const others = Object.keys(table).filter((name) => !skipped.has(name) && isSelector(table[name]));
+  return isSelector(main) ? [SELECTOR_GROUP, ...others] : others;
+}
+
 // { nodes: [{ name, type, isGroup, delay }], current } from the table getServers resolves
 // (false or anything else unusable gives an empty list). The nodes are the members of the
-// "SELECT" group in its order; the native side has already removed the hidden choices.
-export function nodeListFrom(table) {
-  if (!isObject(table) || !isObject(table[SELECTOR_GROUP])) {
+// group (the "SELECT" group unless named) in its order; the native side has already removed
+// the hidden choices.
+export function nodeListFrom(table, groupName = SELECTOR_GROUP) {
+  if (!isObject(table) || !isObject(table[groupName])) {
     return { nodes: [], current: '' };
   }
-  const group = table[SELECTOR_GROUP];
+  const group = table[groupName];
   const members = Array.isArray(group.all) ? group.all : [];
   const seen = new Set();
   const nodes = [];

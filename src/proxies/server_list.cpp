@@ -94,6 +94,7 @@ ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutli
   if (!main) return {std::move(table), std::nullopt};
   Json copy = table[*main];
   copy["name"] = selector;
+  copy["aliasOf"] = *main;  // so that the page lists the group once
   table[selector] = std::move(copy);
   return {std::move(table), *main};
 }

@@ -20,7 +20,8 @@ struct ClientProxyTable {
 };
 
 // The core's proxy table as the page expects it: hidden entries gone and a "SELECT" selector,
-// aliased from the main group (resolveMainGroup) when the table has none.
+// aliased from the main group (resolveMainGroup) when the table has none; the copy names its
+// original under "aliasOf".
 ClientProxyTable normalizeProxiesForClient(Json table, const config::ConfigOutline& outline);
 
 // "count=N selectors=M" for a table, "nonObject" for anything else.

@@ -111,7 +111,7 @@ function liveRow(h, t, state) {
 
 function nodeRow(h, t, state, actions) {
   const nodes = state.nodes;
-  const name = nodes.current || state.rememberedNode;
+  const name = nodes.mainCurrent || state.rememberedNode;
   const text = name || (nodes.list.length === 0 ? t('home.nodesLoading') : t('home.noNode'));
   return h('button', { class: 'node-row card', key: 'node-row', onclick: () => actions.showTab('nodes') },
     h('span', { class: 'label' }, t('home.node')),

@@ -2,6 +2,7 @@
 // or one), selection, and an update of the subscription.
 import { say } from '../errors.js';
 import { latencyGrade } from '../format.js';
+import { SELECTOR_GROUP } from '../servers.js';
 import { checkIcon } from './icons.js';
 
 const SORTS = [['order', 'nodes.sortOrder'], ['name', 'nodes.sortName'], ['latency', 'nodes.sortLatency']];
@@ -101,6 +102,13 @@ export function nodesView(h, t, state, actions) {
           onclick: actions.refreshSubscription,
         }, t(nodes.refreshing ? 'nodes.refreshing' : 'nodes.refresh')))),
     list.length ? h('div', { class: 'node-filters' },
+      nodes.groups.length > 1 ? h('select', {
+        key: 'node-group',
+        class: 'group-select',
+        'aria-label': t('nodes.group'),
+        onchange: (event) => actions.showGroup(event.target.value),
+      }, nodes.groups.map((group) => h('option', { value: group, selected: nodes.group === group ? true : null },
+        group === SELECTOR_GROUP ? t('nodes.mainGroup') : group))) : null,
       h('input', {
         type: 'search',
         key: 'node-search',

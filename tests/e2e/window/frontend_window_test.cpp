@@ -235,6 +235,17 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
       waitUntil("!$t.key('test-latency').disabled && !document.querySelector('.delay-testing')"));
   EXPECT_TRUE(run("$t.texts('.node .delay').every((t) => /^\\d+ ms$/.test(t))").get<bool>())
       << run("$t.texts('.node .delay')").dump();
+  // Every group the user may switch, the main one first; another group shows its own members.
+  const Json groups = run("Array.from($t.key('node-group').options).map((o) => o.textContent)");
+  ASSERT_GE(groups.size(), 2u) << groups.dump();
+  EXPECT_EQ(groups.at(0), "主线路");
+  run("const g = $t.key('node-group'); g.value = g.options[1].value; g.dispatchEvent(new "
+      "Event('change'))");
+  ASSERT_TRUE(
+      waitUntil("$t.key('node-group').selectedIndex === 1 && document.querySelector('.node')"));
+  screenshot("nodes-group-zh");
+  run("const g = $t.key('node-group'); g.value = 'SELECT'; g.dispatchEvent(new Event('change'))");
+  ASSERT_TRUE(waitUntil("$t.texts('.node-name')[0] === '香港01'"));
   click("node:日本02");
   ASSERT_TRUE(waitUntil("$t.text('.node[aria-pressed=true] .node-name') === '日本02'"));
   ASSERT_TRUE(waitUntil("$t.text('.nodes .notice') === '已切换到 日本02。'"));

@@ -40,6 +40,7 @@ TEST(ServerListTest, HiddenEntriesAndMembersDisappearAndNowMovesToAVisibleMember
   EXPECT_EQ(*result.alias, "Main");
   EXPECT_EQ(t["SELECT"]["name"], "SELECT");
   EXPECT_EQ(t["SELECT"]["all"], t["Main"]["all"]);
+  EXPECT_EQ(t["SELECT"]["aliasOf"], "Main");
   EXPECT_EQ(t["Main"]["name"], "Main");  // the original stays under its own name
 }
 

@@ -7,7 +7,7 @@ import { nativeErrorMessage, panelFailureMessage, say } from '../../../frontend/
 import { expiryState, formatBytes, formatDate, latencyGrade, resetState, trafficSummary } from '../../../frontend/js/format.js';
 import { translator } from '../../../frontend/js/i18n.js';
 import { login, readPanelAnswer } from '../../../frontend/js/panel.js';
-import { delayTestUrl, forEachLimited, nodeListFrom, readDelayAnswer } from '../../../frontend/js/servers.js';
+import { delayTestUrl, forEachLimited, nodeListFrom, readDelayAnswer, selectorGroups } from '../../../frontend/js/servers.js';
 import { adoptLogin, clearSession, hasSession, sessionCredential } from '../../../frontend/js/session.js';
 
 class MemoryStorage {
@@ -135,6 +135,21 @@ describe('nodes', () => {
       ],
       current: 'B',
     });
+    assert.deepEqual(nodeListFrom(table, 'A'), { nodes: [], current: '' }, 'not a group');
+  });
+
+  it('offers the main group first, then every other selector but its original and GLOBAL', () => {
+    const table = {
+      Site: { type: 'selector', now: 'A', all: ['A', 'B'] },
+      GLOBAL: { type: 'Selector', now: 'A', all: ['A'] },
+      Product: { type: 'Selector', now: 'B', all: ['A', 'B'] },
+      SELECT: { type: 'Selector', now: 'B', all: ['A', 'B'], aliasOf: 'Product' },
+      Auto: { type: 'URLTest', now: 'A', all: ['A', 'B'] },
+      A: { type: 'Vmess' },
+    };
+    assert.deepEqual(selectorGroups(table), ['SELECT', 'Site']);
+    assert.deepEqual(selectorGroups({ Site: table.Site }), ['Site']);
+    assert.deepEqual(selectorGroups(false), []);
   });
 
   it('measures with at most the given number of tests at a time and reports every result', async () => {
