@@ -47,6 +47,7 @@ function initialState(language) {
     account: { status: 'idle', data: null, error: null },
     connection: { status: 'off', error: null },
     speed: null, // { up, down } in bytes per second while connected
+    subscriptionUpdatedAt: 0, // unix seconds of the last good download, 0 when unknown
     activity: { view: 'connections', connections: [], logs: [], level: 'info', copied: false },
     nodes: {
       list: [], current: '', loaded: false, delays: {}, testing: false, switching: '', refreshing: false, message: null,
@@ -270,6 +271,8 @@ export function startApp(window, options = {}) {
       s.settings.tun = Boolean(settings && settings.tun === true);
       s.settings.autoLaunch = source.autoLaunch === true;
       s.settings.version = versionFrom(config);
+      const info = config && config.subscriptionInfo;
+      s.subscriptionUpdatedAt = info && Number(info.updatedAt) > 0 ? Number(info.updatedAt) : s.subscriptionUpdatedAt;
       s.rememberedNode = config && typeof config.nodeName === 'string' ? config.nodeName.trim() : '';
       if (config && config.proxyEnabled === true && s.connection.status === 'off') {
         s.connection = { status: 'on', error: null };
@@ -610,7 +613,14 @@ export function startApp(window, options = {}) {
       if (mine !== generation) {
         return;
       }
-      update((s) => { s.nodes.refreshing = false; s.nodes.message = message; s.nodes.loaded = true; });
+      update((s) => {
+        s.nodes.refreshing = false;
+        s.nodes.message = message;
+        s.nodes.loaded = true;
+        if (!message.error) {
+          s.subscriptionUpdatedAt = Math.floor(state.now() / 1000);
+        }
+      });
       fadeNotice((s) => s.nodes.message, (s) => { s.nodes.message = null; });
       announce(say(t, message));
       await refreshServers();
@@ -714,6 +724,11 @@ export function startApp(window, options = {}) {
   native.onEvent('traffic', ({ up, down }) => {
     if (state.connection.status === 'on' && state.tab === 'home') {
       update((s) => { s.speed = { up: Number(up) || 0, down: Number(down) || 0 }; });
+    }
+  });
+  native.onEvent('subscription', (info) => {
+    if (Number(info.updatedAt) > 0) {
+      update((s) => { s.subscriptionUpdatedAt = Number(info.updatedAt); });
     }
   });
   native.onEvent('mode', ({ mode }) => {

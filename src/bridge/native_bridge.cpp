@@ -188,6 +188,14 @@ void NativeBridge::registerCommands() {
     resolve(configCommands_->configPayload());
   };
   commands_["updateConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
+    const Json* link = base::firstArg(args);
+    if (link != nullptr && link->is_string() && !config::runtimeModeFromArgs(args)) {
+      // A new download: the account's numbers and its time changed.
+      resolve = [this, resolve = std::move(resolve)](Json value) {
+        pushEvent("subscription", subscription::subscriptionInfoJson(configCommands_->record()));
+        resolve(std::move(value));
+      };
+    }
     // A mode is saved before the core is asked, so the saved one is reported either way.
     if (config::runtimeModeFromArgs(args)) {
       resolve = [this, resolve = std::move(resolve)](Json value) {

@@ -51,7 +51,29 @@ function accountCard(h, t, state, actions) {
         h('dt', {}, t('home.expires')),
         h('dd', { class: expiry.kind === 'expired' ? 'danger-text' : '' }, expiryText,
           expiry.kind === 'date' ? h('span', { class: 'fact-note' }, t('home.daysLeft', { days: expiry.days })) : null)),
-      h('div', { class: 'fact' }, h('dt', {}, t('home.reset')), h('dd', {}, resetText))));
+      h('div', { class: 'fact' }, h('dt', {}, t('home.reset')), h('dd', {}, resetText))),
+    h('div', { class: 'updated' },
+      h('span', { class: 'muted' }, updatedText(t, state)),
+      h('button', {
+        class: 'link-button',
+        key: 'update-now',
+        disabled: state.nodes.refreshing,
+        onclick: actions.refreshSubscription,
+      }, t(state.nodes.refreshing ? 'nodes.refreshing' : 'home.updateNow'))));
+}
+
+// "Updated 5 min ago" from the last good download of the subscription.
+function updatedText(t, state) {
+  if (!state.subscriptionUpdatedAt) {
+    return t('home.updatedUnknown');
+  }
+  const minutes = Math.max(0, Math.floor((state.now() / 1000 - state.subscriptionUpdatedAt) / 60));
+  if (minutes < 1) {
+    return t('home.updatedJustNow');
+  }
+  return minutes < 60 ? t('home.updatedMinutes', { minutes })
+    : minutes < 48 * 60 ? t('home.updatedHours', { hours: Math.floor(minutes / 60) })
+      : t('home.updatedDays', { days: Math.floor(minutes / 1440) });
 }
 
 const CONNECT_LABELS = {

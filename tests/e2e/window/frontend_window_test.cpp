@@ -220,6 +220,7 @@ TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
 
   // The subscription reaches the core; the node list follows.
   ASSERT_TRUE(waitUntil("$t.text('.node-row-name') === '香港01'", 60s)) << logTail();
+  ASSERT_TRUE(waitUntil("$t.text('.updated .muted') === '订阅刚刚更新'", 10s)) << text(".updated");
   screenshot("home-zh");
   click("tab:nodes");
   ASSERT_TRUE(waitUntil("document.querySelectorAll('.node').length >= 5"));
