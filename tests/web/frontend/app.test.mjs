@@ -104,6 +104,25 @@ describe('connecting', () => {
 
 });
 
+describe('news from the native side', () => {
+  it('follows a connection made elsewhere, and says so when the core stops', async () => {
+    await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, window }) => {
+      await nodesReady(document);
+      click(document, 'tab:home');
+      const tell = (name, detail) => window.dispatchEvent(new window.CustomEvent(`native:${name}`, { detail }));
+      tell('proxyState', { connected: true, reason: 'started' });
+      assert.equal(text(document, '#connect-status'), 'Connected');
+      tell('traffic', { up: 2048, down: 3 * 1024 * 1024 });
+      assert.equal(text(document, '.speed-down dd'), '3 MB/s');
+      tell('proxyState', { connected: false, reason: 'coreStopped' });
+      assert.equal(text(document, '#connect-status'), 'Not connected');
+      assert.equal(text(document, '.connect .alert'), 'Disconnected: the proxy core stopped');
+      tell('mode', { mode: 'global' });
+      assert.equal(text(document, '.routing-mode'), 'Global mode');
+    });
+  });
+});
+
 describe('nodes', () => {
   it('measures latency through the controller and shows each result', async () => {
     await withApp({ setUp: (native) => { native.table = true; native.coreRunning = true; } }, async ({ document, page }) => {
