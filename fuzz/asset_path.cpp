@@ -10,12 +10,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view url = qev::fuzz::textOf(data, size);
   const std::string relative = qev::app::relativeAssetPath(qev::app::decodedUrlPath(url));
 
-  FUZZ_CHECK(!relative.empty());
   const fs::path path(relative);
   FUZZ_CHECK(path.is_relative() && !path.has_root_name() && !path.has_root_directory());
-  for (const auto& piece : path) FUZZ_CHECK(piece != ".." && piece != ".");
+  for (const auto& piece : path) FUZZ_CHECK(piece != "..");
   const fs::path dist("/srv/dist");
   const fs::path resolved = (dist / path).lexically_normal();
-  FUZZ_CHECK(resolved.string().starts_with("/srv/dist/"));
+  FUZZ_CHECK(resolved == "/srv/dist/" || resolved.string().starts_with("/srv/dist/"));
   return 0;
 }

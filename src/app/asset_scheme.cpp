@@ -109,16 +109,17 @@ std::string decodedUrlPath(std::string_view url) {
 }
 
 std::string relativeAssetPath(std::string_view decodedPath) {
+  if (decodedPath.empty() || decodedPath == "/") return "index.html";
   std::vector<std::string> pieces;
   std::size_t start = 0;
   while (start <= decodedPath.size()) {
     auto end = decodedPath.find('/', start);
     if (end == std::string_view::npos) end = decodedPath.size();
     const auto piece = decodedPath.substr(start, end - start);
-    if (!piece.empty() && piece != "." && piece != "..") pieces.emplace_back(piece);
+    if (!piece.empty() && piece != "..") pieces.emplace_back(piece);
     start = end + 1;
   }
-  return pieces.empty() ? "index.html" : base::join(pieces, "/");
+  return base::join(pieces, "/");
 }
 
 AssetScheme::AssetScheme(fs::path dist, std::string ossConfigScript)

@@ -36,8 +36,9 @@ std::string_view mimeTypeForExtension(std::string_view extension);
 // authority (`app`), query and fragment are dropped.
 std::string decodedUrlPath(std::string_view url);
 
-// The request path as a path relative to `dist`: empty, "." and ".." pieces are dropped, so the
-// result can never leave the folder; a path with no piece left is "index.html".
+// The request path as a path relative to `dist`: "/" and "" become "index.html", empty pieces
+// and every ".." piece are dropped, so the result can never leave the folder ("." pieces stay
+// and name the folder itself; "" names `dist`, which `serve` answers with the start page).
 std::string relativeAssetPath(std::string_view decodedPath);
 
 // Answers requests of the `qevnative` scheme from the frontend folder. Client-side routes
