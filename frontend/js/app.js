@@ -709,13 +709,20 @@ export function startApp(window, options = {}) {
 
   // What changed on the native side without the page asking: the tray, a restore, a core that
   // stopped, the live speed.
-  native.onEvent('proxyState', ({ connected, reason }) => {
+  native.onEvent('proxyState', ({ connected, reason, detail }) => {
     if (state.connection.status === 'connecting' || state.connection.status === 'disconnecting') {
       return; // the page's own request reports its outcome
     }
     update((s) => {
-      s.connection = connected ? { status: 'on', error: null }
-        : { status: 'off', error: reason === 'coreStopped' ? { key: 'connect.coreStopped' } : null };
+      if (connected) {
+        s.connection = { status: 'on', error: null };
+      } else if (reason === 'unavailable') {
+        s.connection = { status: 'unavailable', error: null };
+      } else if (reason === 'failed') {
+        s.connection = { status: 'failed', error: { key: 'connect.failed', params: { detail: String(detail || '') } } };
+      } else {
+        s.connection = { status: 'off', error: reason === 'coreStopped' ? { key: 'connect.coreStopped' } : null };
+      }
       if (!connected) {
         s.speed = null;
       }

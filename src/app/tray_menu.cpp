@@ -116,8 +116,12 @@ void TrayMenu::activate(const std::string& id) {
     bridge_.log().message("native.tray.error: " + error.description);
   };
   if (id == "connect") {
+    // A refused start is explained on the page, so the window comes forward.
     bridge_.handle(state_.connected ? "stopProxy" : "startProxy", Json::array(), ignore,
-                   logFailure);
+                   [this, logFailure](BridgeError error) {
+                     logFailure(error);
+                     if (actions_.show) actions_.show();
+                   });
   } else if (id.starts_with("mode:")) {
     bridge_.handle("updateConfig", Json::array({{{"mode", id.substr(5)}}}), ignore, logFailure);
   } else if (id == "show" && actions_.show) {

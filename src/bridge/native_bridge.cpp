@@ -246,7 +246,14 @@ void NativeBridge::registerCommands() {
           pushEvent("proxyState", {{"connected", true}, {"reason", "started"}});
           resolve(std::move(value));
         },
-        std::move(reject));
+        // A start from the tray has no page waiting for the answer: the page hears why here.
+        [this, reject = std::move(reject)](BridgeError error) {
+          const bool unavailable = error.description == "NODE_UNAVAILABLE";
+          pushEvent("proxyState", {{"connected", false},
+                                   {"reason", unavailable ? "unavailable" : "failed"},
+                                   {"detail", error.description}});
+          reject(std::move(error));
+        });
   };
   const Command stop = [this](const Json&, Resolve resolve, Reject) {
     proxySwitch_->stopProxy([this, resolve = std::move(resolve)](Json value) {

@@ -119,6 +119,8 @@ describe('news from the native side', () => {
       assert.equal(text(document, '.connect .alert'), 'Disconnected: the proxy core stopped');
       tell('mode', { mode: 'global' });
       assert.equal(text(document, '.routing-mode'), 'Global mode');
+      tell('proxyState', { connected: false, reason: 'unavailable', detail: 'NODE_UNAVAILABLE' });
+      assert.equal(text(document, '.connect .alert strong'), 'The selected node is unavailable');
     });
   });
 });
