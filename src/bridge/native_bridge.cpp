@@ -189,15 +189,8 @@ void NativeBridge::registerCommands() {
   };
   commands_["updateConfig"] = [this](const Json& args, Resolve resolve, Reject reject) {
     const Json* link = base::firstArg(args);
-    if (link != nullptr && link->is_string() && !config::runtimeModeFromArgs(args)) {
-      // A new download: the account's numbers and its time changed.
-      resolve = [this, resolve = std::move(resolve)](Json value) {
-        pushEvent("subscription", subscription::subscriptionInfoJson(configCommands_->record()));
-        resolve(std::move(value));
-      };
-    }
-    // A mode is saved before the core is asked, so the saved one is reported either way.
     if (config::runtimeModeFromArgs(args)) {
+      // A mode is saved before the core is asked, so the saved one is reported either way.
       resolve = [this, resolve = std::move(resolve)](Json value) {
         pushEvent("mode", {{"mode", routingMode()}});
         resolve(std::move(value));
@@ -205,6 +198,12 @@ void NativeBridge::registerCommands() {
       reject = [this, reject = std::move(reject)](BridgeError error) {
         pushEvent("mode", {{"mode", routingMode()}});
         reject(std::move(error));
+      };
+    } else if (link != nullptr && link->is_string()) {
+      // A new download: the account's numbers and its time changed.
+      resolve = [this, resolve = std::move(resolve)](Json value) {
+        pushEvent("subscription", subscription::subscriptionInfoJson(configCommands_->record()));
+        resolve(std::move(value));
       };
     }
     configCommands_->updateConfig(args, std::move(resolve), std::move(reject));
