@@ -7,8 +7,10 @@
 #include "qev/deployment.h"
 #include "storage/profile.h"
 
-#ifdef QEV_HAVE_GTK
+#if defined(QEV_HAVE_GTK)
 #include "app/gtk/gtk_shell.h"
+#elif defined(QEV_HAVE_MACOS)
+#include "app/macos/macos_shell.h"
 #endif
 
 namespace {
@@ -56,8 +58,10 @@ int main(int argc, char** argv) {
   }
   const auto environment = qev::storage::Environment::fromProcess();
   if (headless) return qev::app::runHeadless(std::cin, std::cout, std::cerr, environment);
-#ifdef QEV_HAVE_GTK
+#if defined(QEV_HAVE_GTK)
   return qev::app::runGtk(argc, argv, environment);
+#elif defined(QEV_HAVE_MACOS)
+  return qev::app::runMacos(environment);
 #else
   std::cerr << "qev: this build has no desktop shell; run it with --headless\n";
   return 2;

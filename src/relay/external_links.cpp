@@ -20,6 +20,11 @@ Result<std::string> externalLinkFromText(const Json* value) {
   return link;
 }
 
+bool shouldOpenExternally(std::string_view url) {
+  const Json text = std::string(url);
+  return externalLinkFromText(&text).ok();
+}
+
 ExternalLinks::ExternalLinks(const base::Logger& log, std::shared_ptr<base::MainQueue> mainQueue,
                              Open open)
     : log_(log), mainQueue_(std::move(mainQueue)), open_(std::move(open)) {}

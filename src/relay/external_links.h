@@ -18,6 +18,10 @@ namespace qev::relay {
 // scheme-relative "//host/path" becomes https.
 Result<std::string> externalLinkFromText(const Json* value);
 
+// Whether a link the page navigates to leaves the application for the desktop's default
+// handler: exactly the links `openExternal` would open.
+bool shouldOpenExternally(std::string_view url);
+
 // The `openExternal` command: checks the link and opens it with the desktop's default handler
 // on the main queue, since that is user-interface work.
 class ExternalLinks {

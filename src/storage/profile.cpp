@@ -60,6 +60,16 @@ void fillDataFiles(Paths& p) {
 
 }  // namespace
 
+fs::path resourcesBeside(const fs::path& executable) {
+  if (executable.empty()) return ".";
+  const fs::path above = executable.parent_path().parent_path();
+  std::error_code ec;
+  for (const fs::path& candidate : {above / "share" / "qev", above / "Resources"}) {
+    if (fs::is_directory(candidate, ec)) return candidate;
+  }
+  return ".";
+}
+
 Environment Environment::fromProcess() {
   Environment env;
   env.home = envPath("HOME").value_or([] {
@@ -73,9 +83,7 @@ Environment Environment::fromProcess() {
   if (auto dir = envPath("QEV_RESOURCES_DIR")) {
     env.resources = *dir;
   } else {
-    std::error_code ec;
-    const fs::path staged = env.executable.parent_path().parent_path() / "share" / "qev";
-    env.resources = (!env.executable.empty() && fs::is_directory(staged, ec)) ? staged : ".";
+    env.resources = resourcesBeside(env.executable);
   }
   return env;
 }

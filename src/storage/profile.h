@@ -21,9 +21,13 @@ struct Environment {
   std::optional<fs::path> xdgConfigHome;
 
   // Reads HOME, the XDG variables, the login name and the executable's path; the resources
-  // folder is QEV_RESOURCES_DIR, else ../share/qev beside the executable, else ".".
+  // folder is QEV_RESOURCES_DIR, else the one beside the executable.
   static Environment fromProcess();
 };
+
+// The resources folder of a program installed at `executable`: ../share/qev (bin/qev), else the
+// bundle's ../Resources (QEV.app/Contents/MacOS/QEV), else the current folder.
+fs::path resourcesBeside(const fs::path& executable);
 
 // Every path of the data folder and the bundle, fixed once; nothing here touches the disk.
 struct Paths {

@@ -4,7 +4,6 @@
 #include <gtk/gtk.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -14,12 +13,10 @@
 #include "app/gtk/glib_main_queue.h"
 #include "app/gtk/tray_item.h"
 #include "app/gtk/web_view_host.h"
-#include "base/fs.h"
+#include "app/page_scripts.h"
 #include "bridge/native_bridge.h"
 #include "guard/crash_guard.h"
 #include "qev/deployment.h"
-#include "qev/resources.h"
-#include "relay/api_base.h"
 
 namespace qev::app {
 namespace {
@@ -126,22 +123,13 @@ class DesktopShell {
         bridge::ShellSeams{mainQueue_, [this](const std::string& url) { openUrl(url); }});
     guard_ = guard::CrashGuard::engage(bridge_->profile(), environment_.executable, bridge_->log());
 
-    const auto scriptFile = resources / "nativeCompatibilityScript.js";
-    auto script = base::readFile(scriptFile);
-    if (!script) bridge_->log().message("native.webview.scriptMissing: " + scriptFile.string());
-    std::string ossConfig(resources::ossConfigScript());
-    // A panel base given by QEV_API_BASE applies to the page's requests as well.
-    if (const char* override = std::getenv("QEV_API_BASE"); override && *override) {
-      const auto base = relay::nativeFallbackAPIBase(std::string(override));
-      if (script) script = relay::withPageApiBase(std::move(*script), base);
-      ossConfig = relay::withPageApiBase(std::move(ossConfig), base);
-    }
-    auto scheme = std::make_shared<const AssetScheme>(dist, std::move(ossConfig));
+    auto scripts = loadPageScripts(resources, bridge_->log());
+    auto scheme = std::make_shared<const AssetScheme>(dist, std::move(scripts.ossConfig));
     const WebViewStorage storage{
         std::filesystem::path(g_get_user_data_dir()) / kApplicationId / "webkit",
         std::filesystem::path(g_get_user_cache_dir()) / kApplicationId / "webkit"};
     webView_ = std::make_unique<WebViewHost>(
-        *bridge_, std::move(scheme), script.value_or(std::string()), storage,
+        *bridge_, std::move(scheme), scripts.runtime, storage,
         WebViewHooks{[this] { showWindow(); }, [this] { return GTK_WINDOW(window_); },
                      [this](const std::string& url) { openUrl(url); }});
     answers_ = std::make_shared<WebViewAnswerSink>(webView_->view());

@@ -70,10 +70,7 @@ int errorCode(const BridgeError& error) {
 
 }  // namespace
 
-bool shouldOpenExternally(std::string_view url) {
-  const Json text = std::string(url);
-  return relay::externalLinkFromText(&text).ok();
-}
+using relay::shouldOpenExternally;
 
 WebViewAnswerSink::WebViewAnswerSink(WebKitWebView* view) : view_(view) {
   if (view_) g_object_add_weak_pointer(G_OBJECT(view_), reinterpret_cast<gpointer*>(&view_));

@@ -13,10 +13,6 @@
 
 namespace qev::app {
 
-// Whether a link leaves the application for the desktop's default handler: http, https and
-// mailto links, a scheme-relative "//host" counting as https.
-bool shouldOpenExternally(std::string_view url);
-
 // Answers to the page, evaluated in the web view. Held by the shell; the bridge keeps only a
 // weak reference, and a sink whose view is gone drops answers.
 class WebViewAnswerSink final : public bridge::AnswerSink {

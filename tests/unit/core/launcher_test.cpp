@@ -332,60 +332,81 @@ TEST(LauncherTest, StaleCoresAreSweptEvenWhenTheyIgnoreSigterm) {
   }
 }
 
-// The launcher script's TUN permission request, with stand-ins for id, getcap and pkexec.
-TEST(LauncherScriptTest, TunPermissionIsAskedForOnlyWhenSafeAndNeeded) {
-  enum class Case { kGranted, kRefused, kAlreadyGranted, kNoGetcap, kWritableBinary };
-  for (const Case c : {Case::kGranted, Case::kRefused, Case::kAlreadyGranted, Case::kNoGetcap,
-                       Case::kWritableBinary}) {
-    SCOPED_TRACE(static_cast<int>(c));
-    test::TempDir dir;
-    const auto tools = dir.path() / "tools";
-    const auto data = dir.path() / "data";
-    fs::create_directories(data);
-    const auto tool = [&](const std::string& name, const std::string& body) {
-      test::writeText(tools / name, "#!/bin/sh\n" + body + "\n");
-      fs::permissions(tools / name, fs::perms::owner_all);
-    };
-    tool("setcap", "exit 0");
-    if (c != Case::kNoGetcap) {
-      tool("getcap", c == Case::kAlreadyGranted ? "echo \"$1 cap_net_admin=ep\"" : "exit 0");
+// The launchers' requests for TUN rights (Linux: capabilities through polkit; macOS: a setuid
+// core through the administrator prompt), with stand-ins for id and the privileged tools.
+TEST(LauncherScriptTest, TunRightsAreAskedForOnlyWhenSafeAndNeeded) {
+  enum class Case { kGranted, kRefused, kAlreadyGranted, kNoTool, kWritableBinary };
+  for (const bool darwin : {false, true}) {
+    for (const Case c : {Case::kGranted, Case::kRefused, Case::kAlreadyGranted, Case::kNoTool,
+                         Case::kWritableBinary}) {
+      SCOPED_TRACE(std::string(darwin ? "darwin " : "linux ") + std::to_string(int(c)));
+      // A setuid root copy needs root to make.
+      if (darwin && c == Case::kAlreadyGranted && ::geteuid() != 0) continue;
+      test::TempDir dir;
+      const auto tools = dir.path() / "tools";
+      const auto data = dir.path() / "data";
+      fs::create_directories(data);
+      const auto tool = [&](const fs::path& path, const std::string& body) {
+        test::writeText(path, "#!/bin/sh\n" + body + "\n");
+        fs::permissions(path, fs::perms::owner_all);
+      };
+      const std::string record = "echo \"$@\" > " +
+                                 test::shellQuoted((dir.path() / "asked").string()) +
+                                 (c == Case::kRefused ? "; exit 1" : "; exit 0");
+      const char* prompt = darwin ? "osascript" : "pkexec";
+      if (darwin) {
+        if (c != Case::kNoTool) tool(tools / "osascript", record);
+      } else {
+        tool(tools / "pkexec", record);
+        tool(tools / "setcap", "exit 0");
+        if (c != Case::kNoTool) {
+          tool(tools / "getcap",
+               c == Case::kAlreadyGranted ? "echo \"$1 cap_net_admin=ep\"" : "exit 0");
+        }
+      }
+      // A stand-in of the same name early on PATH is never used; `id` plays a normal user.
+      tool(dir.path() / "path" / prompt, "touch " + (dir.path() / "hijacked").string());
+      tool(dir.path() / "path/id", "echo 1000");
+      // The core: the built test core, or a copy that other users may write, or one already
+      // setuid root.
+      std::string core = fs::canonical(test::kFakeCore).string();
+      if (c == Case::kWritableBinary || (darwin && c == Case::kAlreadyGranted)) {
+        fs::create_directories(dir.path() / "bin");
+        core = (dir.path() / "bin/core").string();
+        fs::copy_file(test::kFakeCore, core);
+        fs::permissions(core, c == Case::kWritableBinary
+                                  ? fs::perms::owner_all | fs::perms::group_all
+                                  : fs::perms::owner_all | fs::perms::set_uid);
+      }
+      test::writeText(data / ".qevjs-tun-cancel", "");
+      const auto config = data / ".qevjs-runtime-config.yaml";
+      test::writeText(config, "mode: rule\ntun:\n  enable: true\n  stack: system\n");
+      const std::string launcher = darwin ? std::string(test::kSourceDir) + "/libs/darwin/clash"
+                                          : std::string(test::kStageDir) + "/libs/linux/clash";
+      const auto result = process::runProcessOutput(
+          "/usr/bin/env", {"PATH=" + (dir.path() / "path").string() + ":/usr/bin:/bin",
+                           "QEV_SYSTEM_BIN_DIRS=" + tools.string(), "QEV_MIHOMO=" + core, launcher,
+                           "-d", data.string(), "-f", config.string(), "-t"});
+      EXPECT_TRUE(result.ok) << result.output;
+      // Linux asks through pkexec even without getcap; macOS cannot ask without osascript.
+      const bool asked =
+          c == Case::kGranted || c == Case::kRefused || (!darwin && c == Case::kNoTool);
+      EXPECT_EQ(base::itemExists(dir.path() / "asked"), asked);
+      if (asked) {
+        const std::string request = test::readText(dir.path() / "asked");
+        if (darwin) {
+          EXPECT_TRUE(request.ends_with(" end run " + core + "\n")) << request;
+        } else {
+          EXPECT_EQ(request, (tools / "setcap").string() +
+                                 " cap_net_admin,cap_net_bind_service=+ep " + core + "\n");
+        }
+      }
+      const bool refused =
+          c == Case::kRefused || c == Case::kWritableBinary || (darwin && c == Case::kNoTool);
+      EXPECT_EQ(base::itemExists(data / ".qevjs-tun-cancel"), refused);
+      EXPECT_EQ(base::itemExists(data / ".qevjs-tun-admin.ok"), refused);
+      EXPECT_FALSE(base::itemExists(dir.path() / "hijacked"));
     }
-    tool("pkexec", "echo \"$@\" > " + test::shellQuoted((dir.path() / "pkexec.args").string()) +
-                       (c == Case::kRefused ? "; exit 126" : "; exit 0"));
-    // A stand-in of the same name early on PATH is never used; `id` plays a normal user.
-    test::writeText(dir.path() / "path/pkexec",
-                    "#!/bin/sh\ntouch " + (dir.path() / "hijacked").string());
-    test::writeText(dir.path() / "path/id", "#!/bin/sh\necho 1000\n");
-    for (const char* name : {"pkexec", "id"})
-      fs::permissions(dir.path() / "path" / name, fs::perms::owner_all);
-    // The core: the built test core, or a copy that other users may write.
-    std::string core = fs::canonical(test::kFakeCore).string();
-    if (c == Case::kWritableBinary) {
-      fs::create_directories(dir.path() / "bin");
-      core = (dir.path() / "bin/core").string();
-      fs::copy_file(test::kFakeCore, core);
-      fs::permissions(core, fs::perms::owner_all | fs::perms::group_all);
-    }
-    test::writeText(data / ".qevjs-tun-cancel", "");
-    const auto config = data / ".qevjs-runtime-config.yaml";
-    test::writeText(config, "mode: rule\ntun:\n  enable: true\n  stack: system\n");
-    const std::string launcher = std::string(test::kStageDir) + "/libs/linux/clash";
-    const auto result = process::runProcessOutput(
-        "/usr/bin/env", {"PATH=" + (dir.path() / "path").string() + ":/usr/bin:/bin",
-                         "QEV_SYSTEM_BIN_DIRS=" + tools.string(), "QEV_MIHOMO=" + core, launcher,
-                         "-d", data.string(), "-f", config.string(), "-t"});
-    EXPECT_TRUE(result.ok) << result.output;
-    const bool asked = c == Case::kGranted || c == Case::kRefused || c == Case::kNoGetcap;
-    EXPECT_EQ(base::itemExists(dir.path() / "pkexec.args"), asked);
-    if (asked) {
-      EXPECT_EQ(
-          test::readText(dir.path() / "pkexec.args"),
-          (tools / "setcap").string() + " cap_net_admin,cap_net_bind_service=+ep " + core + "\n");
-    }
-    const bool refused = c == Case::kRefused || c == Case::kWritableBinary;
-    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-cancel"), refused);
-    EXPECT_EQ(base::itemExists(data / ".qevjs-tun-admin.ok"), refused);
-    EXPECT_FALSE(base::itemExists(dir.path() / "hijacked"));
   }
 }
 

@@ -11,6 +11,7 @@
 #include "storage/data_folder.h"
 #include "storage/geo_data.h"
 #include "storage/plaintext_cleanup.h"
+#include "storage/profile.h"
 #include "storage/protected_files.h"
 #include "temp_home.h"
 
@@ -43,6 +44,21 @@ class StorageDataFolderTest : public ::testing::TestWithParam<storage::Platform>
   fs::path current(const std::string& name) const { return paths.appSupport / name; }
   void migrate() const { storage::migrateAppSupportDirectoryIfNeeded(paths, systemLog); }
 };
+
+// Where an installed program finds its page and scripts: beside bin/ on Linux, inside the
+// bundle on macOS.
+TEST(ResourcesFolderTest, FoundBesideTheProgramInEitherLayout) {
+  TempDir dir;
+  const auto root = dir.path();
+  fs::create_directories(root / "usr/share/qev");
+  fs::create_directories(root / "QEV.app/Contents/Resources");
+  fs::create_directories(root / "loose/bin");
+  EXPECT_EQ(storage::resourcesBeside(root / "usr/bin/qev"), root / "usr/share/qev");
+  EXPECT_EQ(storage::resourcesBeside(root / "QEV.app/Contents/MacOS/QEV"),
+            root / "QEV.app/Contents/Resources");
+  EXPECT_EQ(storage::resourcesBeside(root / "loose/bin/qev"), fs::path("."));
+  EXPECT_EQ(storage::resourcesBeside(""), fs::path("."));
+}
 
 TEST_P(StorageDataFolderTest, LegacyFolderAloneIsMovedWhole) {
   writeText(legacy(".qevjs-config.dat"), "hidden");
