@@ -8,6 +8,7 @@
 
 #include "base/main_queue.h"
 #include "bridge/native_bridge.h"
+#include "platforms.h"
 #include "temp_home.h"
 
 namespace qev::bridge {
@@ -21,12 +22,13 @@ class RecordingSink final : public AnswerSink {
   std::vector<Event> events;
 };
 
-class BridgeDispatchTest : public ::testing::Test {
+// The same dispatch under both platform profiles: the macOS shell drives this bridge too.
+class BridgeDispatchTest : public ::testing::TestWithParam<storage::Platform> {
  protected:
   void SetUp() override {
     queue_ = std::make_shared<base::ManualMainQueue>();
-    bridge_ = std::make_unique<NativeBridge>(
-        storage::Profile::forLinux(test::environmentIn(dir_.path())), ShellSeams{queue_, nullptr});
+    bridge_ = std::make_unique<NativeBridge>(test::profileIn(GetParam(), dir_.path()),
+                                             ShellSeams{queue_, nullptr});
     sink_ = std::make_shared<RecordingSink>();
     bridge_->setAnswerSink(sink_);
   }
@@ -44,7 +46,9 @@ class BridgeDispatchTest : public ::testing::Test {
   std::shared_ptr<RecordingSink> sink_;
 };
 
-TEST_F(BridgeDispatchTest, MalformedRequestsAreDroppedWithoutLogOrAnswer) {
+INSTANTIATE_TEST_SUITE_P(Platforms, BridgeDispatchTest, test::kBothPlatforms, test::platformName);
+
+TEST_P(BridgeDispatchTest, MalformedRequestsAreDroppedWithoutLogOrAnswer) {
   const std::vector<Json> bodies = {
       Json::array({"1", "getConfig"}),
       Json{{"id", 1}, {"name", "getConfig"}},
@@ -62,7 +66,7 @@ TEST_F(BridgeDispatchTest, MalformedRequestsAreDroppedWithoutLogOrAnswer) {
 
 // Calls arrive on one thread each and complete on storage, HTTP and caller threads; every one
 // is answered exactly once, on the main queue (run under ThreadSanitizer).
-TEST_F(BridgeDispatchTest, CallsFromManyThreadsAreEachAnsweredOnce) {
+TEST_P(BridgeDispatchTest, CallsFromManyThreadsAreEachAnsweredOnce) {
   constexpr int kThreads = 6;
   constexpr int kCallsEach = 30;
   const std::vector<Json> calls = {{{"name", "getSettings"}},
@@ -94,7 +98,7 @@ TEST_F(BridgeDispatchTest, CallsFromManyThreadsAreEachAnsweredOnce) {
   EXPECT_EQ(ids.size(), sink_->answers.size());
 }
 
-TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
+TEST_P(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
   bridge_->receive("nativeBridge", Json{{"id", "7"}, {"name", "GetConfig"}});
   bridge_->receive("nativeBridge", Json{{"id", "8"}, {"name", "noSuchCommand"}, {"args", "x"}});
   queue_->drain();
@@ -108,7 +112,7 @@ TEST_F(BridgeDispatchTest, UnknownOrMiscasedNamesResolveFalseAndAreLogged) {
                                                   "native.bridge.call: noSuchCommand "}));
 }
 
-TEST_F(BridgeDispatchTest, EventsReachThePageOnTheMainQueueAsOneStatement) {
+TEST_P(BridgeDispatchTest, EventsReachThePageOnTheMainQueueAsOneStatement) {
   std::thread([this] {
     bridge_->pushEvent("proxyState", {{"connected", false}, {"reason", "coreStopped"}});
   }).join();
@@ -120,7 +124,7 @@ TEST_F(BridgeDispatchTest, EventsReachThePageOnTheMainQueueAsOneStatement) {
             "{\"connected\":false,\"reason\":\"coreStopped\"});");
 }
 
-TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
+TEST_P(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
   bridge_->receive("nativeLog", Json{{"message", "page says token=abc"}});
   bridge_->receive("nativeLog", Json("plain"));
   bridge_->receive("nativeLog", Json{{"other", 1}});
@@ -128,7 +132,7 @@ TEST_F(BridgeDispatchTest, LogChannelHandsTheWholeBodyToTheLog) {
             (std::vector<std::string>{"page says token=***", "plain", R"({"other":1})"}));
 }
 
-TEST_F(BridgeDispatchTest, RejectStatementCarriesTheMessageAsLiteral) {
+TEST_P(BridgeDispatchTest, RejectStatementCarriesTheMessageAsLiteral) {
   bridge_->reject("3", "bad \"thing\"\u2028");
   ASSERT_EQ(sink_->answers.size(), 1u);
   EXPECT_EQ(
@@ -136,7 +140,7 @@ TEST_F(BridgeDispatchTest, RejectStatementCarriesTheMessageAsLiteral) {
       R"(window.__nativeBridgeReject && window.__nativeBridgeReject("3", "bad \"thing\"\u2028");)");
 }
 
-TEST_F(BridgeDispatchTest, AnswersWithoutSinkAreDropped) {
+TEST_P(BridgeDispatchTest, AnswersWithoutSinkAreDropped) {
   sink_.reset();
   bridge_->resolve("1", true);  // must not crash
   SUCCEED();

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platforms.h"
 #include "recording_logger.h"
 #include "storage/auto_launch.h"
 #include "temp_home.h"
@@ -68,8 +69,7 @@ class StorageAutoLaunchTest : public ::testing::TestWithParam<storage::Platform>
  protected:
   TempDir dir;
   bool macOS = GetParam() == storage::Platform::MacOS;
-  storage::Profile profile = macOS ? storage::Profile::forMacOS(environmentIn(dir.path()))
-                                   : storage::Profile::forLinux(environmentIn(dir.path()));
+  storage::Profile profile = profileIn(GetParam(), dir.path());
   const storage::Paths& paths = profile.paths;
   storage::SelectionMemory selection;
   RecordingLogger log;
@@ -113,11 +113,7 @@ TEST_P(StorageAutoLaunchTest, FailureIsLoggedAndRejectedWithoutTouchingTheSettin
   EXPECT_EQ(readText(paths.settings), R"({"mode": "global", "keep": [1]})");
 }
 
-INSTANTIATE_TEST_SUITE_P(Profiles, StorageAutoLaunchTest,
-                         ::testing::Values(storage::Platform::Linux, storage::Platform::MacOS),
-                         [](const auto& info) {
-                           return info.param == storage::Platform::MacOS ? "macOS" : "Linux";
-                         });
+INSTANTIATE_TEST_SUITE_P(Profiles, StorageAutoLaunchTest, test::kBothPlatforms, test::platformName);
 
 }  // namespace
 }  // namespace qev::test

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platforms.h"
 #include "recording_logger.h"
 #include "storage/data_folder.h"
 #include "storage/geo_data.h"
@@ -31,9 +32,7 @@ std::set<std::string> namesIn(const fs::path& folder) {
 class StorageDataFolderTest : public ::testing::TestWithParam<storage::Platform> {
  protected:
   TempDir dir;
-  storage::Profile profile = GetParam() == storage::Platform::MacOS
-                                 ? storage::Profile::forMacOS(environmentIn(dir.path()))
-                                 : storage::Profile::forLinux(environmentIn(dir.path()));
+  storage::Profile profile = profileIn(GetParam(), dir.path());
   const storage::Paths& paths = profile.paths;
   RecordingLogger systemLog;
   storage::ProtectedFiles protectedFiles{paths, "tester"};
@@ -187,11 +186,7 @@ TEST_P(StorageDataFolderTest, GeoDataIsCopiedOnlyWhereNoNonEmptyCopyExists) {
   EXPECT_EQ(readText(current("geoip.metadb")), "shipped geoip");
 }
 
-INSTANTIATE_TEST_SUITE_P(Profiles, StorageDataFolderTest,
-                         ::testing::Values(storage::Platform::Linux, storage::Platform::MacOS),
-                         [](const auto& info) {
-                           return info.param == storage::Platform::MacOS ? "macOS" : "Linux";
-                         });
+INSTANTIATE_TEST_SUITE_P(Profiles, StorageDataFolderTest, test::kBothPlatforms, test::platformName);
 
 }  // namespace
 }  // namespace qev::test

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "platforms.h"
 #include "recording_logger.h"
 #include "storage/settings_store.h"
 #include "temp_home.h"
@@ -28,9 +29,7 @@ constexpr const char* kDefaultFile = R"({
 class StorageSettingsTest : public ::testing::TestWithParam<storage::Platform> {
  protected:
   TempDir dir;
-  storage::Profile profile = GetParam() == storage::Platform::MacOS
-                                 ? storage::Profile::forMacOS(environmentIn(dir.path()))
-                                 : storage::Profile::forLinux(environmentIn(dir.path()));
+  storage::Profile profile = profileIn(GetParam(), dir.path());
   const storage::Paths& paths = profile.paths;
   storage::SelectionMemory selection;
   RecordingLogger log;
@@ -130,14 +129,11 @@ TEST_P(StorageSettingsTest, ConcurrentWritersLoseNoUpdate) {
   }
   for (auto& writer : writers) writer.join();
   const Json file = fileJson();
-  for (int w = 0; w < kWriters; ++w) EXPECT_EQ(file.value("counter" + std::to_string(w), 0), kRounds);
+  for (int w = 0; w < kWriters; ++w)
+    EXPECT_EQ(file.value("counter" + std::to_string(w), 0), kRounds);
 }
 
-INSTANTIATE_TEST_SUITE_P(Profiles, StorageSettingsTest,
-                         ::testing::Values(storage::Platform::Linux, storage::Platform::MacOS),
-                         [](const auto& info) {
-                           return info.param == storage::Platform::MacOS ? "macOS" : "Linux";
-                         });
+INSTANTIATE_TEST_SUITE_P(Profiles, StorageSettingsTest, test::kBothPlatforms, test::platformName);
 
 }  // namespace
 }  // namespace qev::test
