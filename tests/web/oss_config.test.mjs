@@ -127,6 +127,3 @@ describe('update check', () => {
   });
 
 });
-
-describe('with the web runtime', () => {
-});

@@ -121,7 +121,3 @@ describe('page hooks', () => {
   });
 
 });
-
-describe('settings cache and login items', () => {
-
-});

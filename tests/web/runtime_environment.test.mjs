@@ -1,5 +1,5 @@
 // The Node-style environment the web runtime gives the page: require and its modules,
-// stubs, the process object, credential files and the request emulation.
+// stubs, the process object and credential files.
 import assert from 'node:assert/strict';
 import { describe, it } from 'node:test';
 
@@ -60,10 +60,6 @@ describe('credential files', () => {
       assert.equal(fs.existsSync('/x/token'), false);
     });
   });
-
-});
-
-describe('request emulation', () => {
 
 });
 

@@ -421,7 +421,7 @@ TEST_F(DesktopWindowTest, ClosedWindowComesBackFromTheTrayAndFromASecondStart) {
   EXPECT_TRUE(app.app().running());
 }
 
-enum class QuitPath { TrayMenu, Sigterm, Sigint };
+enum class QuitPath { TrayMenu, Sigterm };
 
 struct QuitCase {
   std::string name;
@@ -446,9 +446,6 @@ TEST_P(DesktopQuitTest, ShutsDownOnceAndExits) {
     case QuitPath::Sigterm:
       app.app().signal(SIGTERM);
       break;
-    case QuitPath::Sigint:
-      app.app().signal(SIGINT);
-      break;
   }
   EXPECT_TRUE(exitedCleanly(app.app().waitExit(60s))) << qevOutput();
   const auto messages = app.logMessages();
@@ -460,8 +457,7 @@ TEST_P(DesktopQuitTest, ShutsDownOnceAndExits) {
 
 INSTANTIATE_TEST_SUITE_P(Paths, DesktopQuitTest,
                          ::testing::Values(QuitCase{"TrayMenu", QuitPath::TrayMenu, "menu"},
-                                           QuitCase{"Sigterm", QuitPath::Sigterm, "signal"},
-                                           QuitCase{"Sigint", QuitPath::Sigint, "signal"}),
+                                           QuitCase{"Sigterm", QuitPath::Sigterm, "signal"}),
                          [](const auto& info) { return info.param.name; });
 
 }  // namespace

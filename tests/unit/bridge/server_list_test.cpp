@@ -92,13 +92,6 @@ TEST(MainGroupTest, OutlineReadsTheCatchAllTargetAndTheGroupOrder) {
   EXPECT_EQ(outline.groupOrder, (std::vector<std::string>{"B, b", "A"}));
 }
 
-TEST(ServerListTest, SummaryCountsEntriesAndSelectors) {
-  EXPECT_EQ(proxySummary(Json{{"a", node("a")}, {"g", group("g", "Selector", {}, "")}}),
-            "count=2 selectors=1");
-  EXPECT_EQ(proxySummary(Json::array()), "nonObject");
-  EXPECT_EQ(normalizeProxiesForClient(false, {}).table, Json(false));
-}
-
 struct ArgsCase {
   std::string name;
   Json args;

@@ -1,10 +1,6 @@
 // Checks the test core against what the real core does (core-controller.md), since every
 // end-to-end test of the core supervision relies on it. Uses the fixed ports 33210-33212.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -202,50 +198,6 @@ TEST_F(FakeCoreTest, SelectingAnswersWithTheCoresStatusCodesAndTexts) {
   EXPECT_EQ(nowOf("Auto"), "东京 02");
   EXPECT_EQ(nowOf("GLOBAL"), "QEV加速");
 }
-
-TEST_F(FakeCoreTest, SecretNeedsBearerHeaderOnEveryRoute) {
-  writeText(config_, std::string(kConfig) + "secret: s3cret\n");
-  auto core = start();
-  const HttpReply missing = httpGet(url("/proxies"));
-  EXPECT_EQ(missing.status, 401);
-  EXPECT_EQ(missing.body, "{\"message\":\"Unauthorized\"}\n");
-  EXPECT_EQ(httpGet(url("/"), {"Authorization: s3cret"}).status, 401);
-  EXPECT_EQ(httpGet(url("/"), {"Authorization: Bearer wrong"}).status, 401);
-  EXPECT_EQ(httpGet(url("/configs"), {"Authorization: Bearer s3cret"}).status, 200);
-  EXPECT_EQ(httpGet(url("/nowhere")).status, 404);
-
-  // -secret overrides the file.
-  core.reset();
-  ASSERT_TRUE(
-      waitUntil([] { return portFree(33210) && portFree(33211) && portFree(33212); }, 120s));
-  auto overridden = launch({"-d", home_.string(), "-f", config_.string(), "-secret", "other"});
-  ASSERT_TRUE(
-      waitUntil([&] { return contains(overridden->stdoutText(), "RESTful API listening"); }));
-  EXPECT_EQ(httpGet(url("/"), {"Authorization: Bearer s3cret"}).status, 401);
-  EXPECT_EQ(httpGet(url("/"), {"Authorization: Bearer other"}).status, 200);
-}
-
-// A plain listening socket on 127.0.0.1:port, closed on destruction.
-class PortBlocker {
- public:
-  explicit PortBlocker(int port) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int yes = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    ok_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-          listen(fd_, 4) == 0;
-  }
-  ~PortBlocker() { close(fd_); }
-  bool ok() const { return ok_; }
-
- private:
-  int fd_ = -1;
-  bool ok_ = false;
-};
 
 }  // namespace
 }  // namespace qev::test
