@@ -87,7 +87,7 @@ class FrontendWindowTest : public ::testing::Test {
     app_ = std::make_unique<DesktopQev>(
         DesktopQev::Options{kQevBinary, home_, resources_, root_.path() / "scratch", env});
     if (!app_->waitForLog("frontend.test.result", 90s)) {
-      ADD_FAILURE() << "the page did not load\n" << qevOutput();
+      ADD_FAILURE() << "the page did not load\n" << app_->output();
     }
     std::vector<unsigned long> windows;
     eventually([&] { return (windows = app_->visibleWindows()).size() == 1; });
@@ -164,7 +164,7 @@ class FrontendWindowTest : public ::testing::Test {
 
   // Signs in with the demo account and waits for the account summary.
   void signIn() {
-    ASSERT_TRUE(waitUntil("document.querySelector('#email')", 60s)) << qevOutput();
+    ASSERT_TRUE(waitUntil("document.querySelector('#email')", 60s)) << app_->output();
     run(std::string("$t.type('#email', '") + kDemoEmail + "')");
     run(std::string("$t.type('#password', '") + kDemoPassword + "')");
     click("login-submit");
@@ -182,11 +182,6 @@ class FrontendWindowTest : public ::testing::Test {
     return out;
   }
 
-  std::string qevOutput() const {
-    const auto file = root_.path() / "scratch/qev.log";
-    return fs::exists(file) ? readText(file) : "";
-  }
-
   TempDir root_;
   fs::path home_ = root_.path() / "home";
   fs::path resources_ = root_.path() / "resources";
@@ -199,7 +194,7 @@ class FrontendWindowTest : public ::testing::Test {
 
 TEST_F(FrontendWindowTest, SignInConnectSwitchModeDisconnectSignOut) {
   start("v2");
-  ASSERT_TRUE(waitUntil("document.querySelector('#email')", 60s)) << qevOutput();
+  ASSERT_TRUE(waitUntil("document.querySelector('#email')", 60s)) << app_->output();
   EXPECT_EQ(run("document.documentElement.lang"), "zh-CN");
   screenshot("login-zh");
 
@@ -374,7 +369,7 @@ TEST_F(FrontendWindowTest, DeadNodeShowsUnavailableAndLeavesTheProxyOff) {
   // Quitting with the proxy on leaves the desktop direct and no plaintext behind.
   app_->app().signal(SIGTERM);
   const auto status = app_->app().waitExit(90s);
-  ASSERT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << qevOutput();
+  ASSERT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << app_->output();
   EXPECT_EQ(gsetting("org.gnome.system.proxy", "mode"), "'none'");
   const fs::path data = home_ / ".local/share/qevjs";
   EXPECT_FALSE(fs::exists(data / ".qevjs-runtime-config.yaml"));

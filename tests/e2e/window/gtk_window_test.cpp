@@ -81,7 +81,7 @@ class DesktopWindowTest : public ::testing::Test {
 
   // Waits for the page and returns the id of the main window.
   unsigned long waitForMainWindow() {
-    EXPECT_TRUE(app_->waitForLog("probe.loaded", 90s)) << qevOutput();
+    EXPECT_TRUE(app_->waitForLog("probe.loaded", 90s)) << app_->output();
     std::vector<unsigned long> windows;
     EXPECT_TRUE(eventually([&] { return (windows = app_->visibleWindows()).size() == 1; }));
     return windows.empty() ? 0 : windows.front();
@@ -122,11 +122,6 @@ class DesktopWindowTest : public ::testing::Test {
     ASSERT_TRUE(app_->click(g->x + static_cast<int>(g->width * fraction), g->y + g->height - 16));
   }
 
-  std::string qevOutput() const {
-    const auto file = root_.path() / "scratch/qev.log";
-    return fs::exists(file) ? readText(file) : "";
-  }
-
   TempDir root_;
   fs::path home_ = root_.path() / "home";
   fs::path resources_ = root_.path() / "resources";
@@ -164,7 +159,7 @@ TEST_F(DesktopWindowTest, PageTalksToTheBridgeThroughTheRuntimeScript) {
 
   EXPECT_EQ(app.waitForLog("probe.charset"), "UTF-8");
   const auto settings = app.waitForLog("probe.settings");
-  ASSERT_TRUE(settings) << qevOutput();
+  ASSERT_TRUE(settings) << app_->output();
   const Json parsed = Json::parse(*settings, nullptr, false);
   ASSERT_TRUE(parsed.is_object()) << *settings;
   EXPECT_EQ(parsed.value("mode", ""), "rule");
@@ -244,7 +239,7 @@ TEST_F(DesktopWindowTest, NativeEventsReachThePageWhileTheWindowShows) {
                      {"GSETTINGS_BACKEND", "memory"}});
   waitForMainWindow();
   const auto state = app.waitForLog("probe.proxyState", 90s);
-  ASSERT_TRUE(state) << qevOutput();
+  ASSERT_TRUE(state) << app_->output();
   EXPECT_EQ(Json::parse(*state), Json({{"connected", true}, {"reason", "restored"}}));
   const auto traffic = app.waitForLog("probe.traffic", 30s);
   ASSERT_TRUE(traffic);
@@ -291,7 +286,7 @@ TEST_F(DesktopWindowTest, AFrameOfAnotherOriginCannotReachTheNativeSide) {
   const auto frame = app.waitForLog("probe.frame", 60s);
   site.stop();
   serving.join();
-  ASSERT_TRUE(frame) << qevOutput();
+  ASSERT_TRUE(frame) << app_->output();
   EXPECT_EQ(Json::parse(*frame), Json({{"qevjs", "undefined"},
                                        {"clash", "undefined"},
                                        {"posted", "refused"},
@@ -447,7 +442,7 @@ TEST_P(DesktopQuitTest, ShutsDownOnceAndExits) {
       app.app().signal(SIGTERM);
       break;
   }
-  EXPECT_TRUE(exitedCleanly(app.app().waitExit(60s))) << qevOutput();
+  EXPECT_TRUE(exitedCleanly(app.app().waitExit(60s))) << app_->output();
   const auto messages = app.logMessages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), "native.shutdown.complete");

@@ -329,6 +329,11 @@ class DesktopQev {
 
   Child& app() { return *app_; }
   const Env& env() const { return env_; }
+  // What the application printed, for failure messages.
+  std::string output() const {
+    const auto file = options_.scratch / "qev.log";
+    return fs::exists(file) ? readText(file) : "";
+  }
   const std::string& display() const { return display_.name(); }
 
   fs::path logFile() const { return options_.home / ".local/share/qevjs/native-webview.log"; }

@@ -53,11 +53,7 @@ TEST(RedactFreeTextTest, NoCredentialSurvivesInAnyShape) {
       {R"(log {"token=S1"}] tail)", R"(log {"token=***"}] tail)"},
       {"plain text, nothing to hide", "plain text, nothing to hide"}};
   for (const auto& [input, expected] : table) {
-    const std::string out = redactFreeText(input);
-    EXPECT_EQ(out, expected) << input;
-    for (const char* secret : {"S1", "S2", "S3"}) {
-      EXPECT_EQ(out.find(secret), std::string::npos) << input;
-    }
+    EXPECT_EQ(redactFreeText(input), expected) << input;
   }
 }
 

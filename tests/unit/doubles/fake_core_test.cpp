@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,8 +17,8 @@ namespace {
 
 using namespace doubles;
 
-// Three nodes (one with a blank and CJK, one with "/" and ","), a selector, an url-test, a
-// load-balance and a selector whose first member rejects.
+// Three nodes (one with a blank and CJK, one with "/" and ","), a selector, an url-test and a
+// load-balance.
 constexpr const char* kConfig = R"(port: 33210
 socks-port: 33211
 external-controller: 127.0.0.1:33212
@@ -34,7 +33,6 @@ proxy-groups:
     - { name: QEV加速, type: select, proxies: [HK-01, '东京 02', 'a/b, c'] }
     - { name: Auto, type: url-test, proxies: [HK-01, '东京 02'], url: 'http://www.gstatic.com/generate_204', interval: 300 }
     - { name: Balance, type: load-balance, proxies: [HK-01, '东京 02'] }
-    - { name: Blocked, type: select, proxies: [REJECT, HK-01] }
 rules:
     - AND,((NETWORK,UDP),(DST-PORT,443)),REJECT
     - 'DOMAIN,example.com,Auto'
@@ -70,27 +68,25 @@ class FakeCoreTest : public ::testing::Test {
     writeText(config_, kConfig);
   }
 
-  std::unique_ptr<ChildProcess> launch(std::vector<std::string> args,
-                                       std::map<std::string, std::string> env = {}) {
-    return std::make_unique<ChildProcess>(ChildProcess::Options{
-        kFakeCore, std::move(args), "clash.mihomo", std::move(env), dir_.path()});
+  std::unique_ptr<ChildProcess> launch() {
+    return std::make_unique<ChildProcess>(
+        ChildProcess::Options{kFakeCore,
+                              {"-d", home_.string(), "-f", config_.string()},
+                              "clash.mihomo",
+                              {},
+                              dir_.path()});
   }
 
-  // Suites of other build trees on this machine start cores on the same fixed ports, so a
-  // core that binds waits until they are free first.
-  std::unique_ptr<ChildProcess> launchOnFreePorts(std::map<std::string, std::string> env = {},
-                                                  std::vector<int> ports = {33210, 33211, 33212}) {
-    EXPECT_TRUE(waitUntil([&] { return std::all_of(ports.begin(), ports.end(), portFree); }, 120s))
-        << "the fixed core ports stay taken by another program";
-    return launch({"-d", home_.string(), "-f", config_.string()}, std::move(env));
-  }
-
-  // Starts the core on the runtime file and waits until it has applied it, starting again
-  // when another program took one of the ports in the meantime.
-  std::unique_ptr<ChildProcess> start(std::map<std::string, std::string> env = {}) {
+  // Starts the core on the runtime file and waits until it has applied it. Suites of other
+  // build trees on this machine start cores on the same fixed ports: wait until they are free,
+  // and start again when another program took one in the meantime.
+  std::unique_ptr<ChildProcess> start() {
     std::unique_ptr<ChildProcess> core;
     for (int attempt = 0; attempt < 5; ++attempt) {
-      core = launchOnFreePorts(env);
+      EXPECT_TRUE(
+          waitUntil([] { return portFree(33210) && portFree(33211) && portFree(33212); }, 120s))
+          << "the fixed core ports stay taken by another program";
+      core = launch();
       waitUntil([&] {
         return contains(core->stdoutText(), "Initial configuration complete") || !core->running();
       });
@@ -104,9 +100,6 @@ class FakeCoreTest : public ::testing::Test {
 
   HttpReply put(const std::string& path, const std::string& body) {
     return http(HttpCall{"PUT", url(path), body, {}});
-  }
-  HttpReply patch(const std::string& path, const std::string& body) {
-    return http(HttpCall{"PATCH", url(path), body, {}});
   }
   std::string nowOf(const std::string& group) {
     return parsed(httpGet(url("/proxies/" + encodeSegment(group))))["now"].get<std::string>();
@@ -145,7 +138,7 @@ TEST_F(FakeCoreTest, RefusedConfigurationsExitOneWithOneFatalLineAndNoController
     writeText(config_,
               std::string(c.text) +
                   (std::string(c.text).empty() ? "" : "external-controller: 127.0.0.1:33212\n"));
-    auto core = launch({"-d", home_.string(), "-f", config_.string()});
+    auto core = launch();
     ASSERT_EQ(core->waitExit(), 1);
     const auto out = lines(core->stdoutText());
     ASSERT_FALSE(out.empty());

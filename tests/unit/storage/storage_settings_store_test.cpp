@@ -37,7 +37,6 @@ class StorageSettingsTest : public ::testing::TestWithParam<storage::Platform> {
 
   void SetUp() override { fs::create_directories(paths.appSupport); }
   Json fileJson() const { return Json::parse(readText(paths.settings)); }
-  void enableLaunchFile() const { writeText(paths.launchAgent, "x"); }
 };
 
 TEST_P(StorageSettingsTest, FirstStartWritesTheSevenDefaultsSortedAndIndented) {

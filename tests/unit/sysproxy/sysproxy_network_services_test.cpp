@@ -113,13 +113,6 @@ class NetworkServicesBackendTest : public ::testing::Test {
         {"-setsocksfirewallproxystate", service, "on"},
     };
   }
-  static Calls disableCommands(const std::string& service) {
-    return {
-        {"-setwebproxystate", service, "off"},
-        {"-setsecurewebproxystate", service, "off"},
-        {"-setsocksfirewallproxystate", service, "off"},
-    };
-  }
   static Calls concat(Calls a, const Calls& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
