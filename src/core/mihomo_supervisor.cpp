@@ -99,7 +99,7 @@ MihomoSupervisor::MihomoSupervisor(const storage::Profile& profile, const base::
       controller_(controller),
       hooks_(std::move(hooks)),
       timings_(timings) {
-  if (::pipe2(wakePipe_, O_CLOEXEC) != 0) wakePipe_[0] = wakePipe_[1] = -1;
+  if (!process::openCloexecPipe(wakePipe_)) wakePipe_[0] = wakePipe_[1] = -1;
 }
 
 MihomoSupervisor::~MihomoSupervisor() {

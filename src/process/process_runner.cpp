@@ -61,18 +61,10 @@ struct Pipe {
   Fd write;
 };
 
-// Both ends close-on-exec, so no other child started meanwhile inherits them; the spawn's dup2
-// clears the flag on the child's copy only.
+// The spawn's dup2 clears close-on-exec on the child's copy only.
 std::optional<Pipe> makePipe() {
   int fds[2];
-#ifdef __APPLE__
-  // No pipe2 here; the spawn attribute POSIX_SPAWN_CLOEXEC_DEFAULT keeps other children clean.
-  if (::pipe(fds) != 0) return std::nullopt;
-  ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
-  ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
-#else
-  if (::pipe2(fds, O_CLOEXEC) != 0) return std::nullopt;
-#endif
+  if (!openCloexecPipe(fds)) return std::nullopt;
   return Pipe{Fd(fds[0]), Fd(fds[1])};
 }
 
@@ -303,6 +295,19 @@ int drainUntilExit(pid_t pid, Fd& out, Fd& err, std::string& outText, std::strin
 }
 
 }  // namespace
+
+bool openCloexecPipe(int (&fds)[2]) {
+#ifdef __APPLE__
+  // No pipe2 here; between the two calls another thread's posix_spawn could inherit the ends,
+  // which POSIX_SPAWN_CLOEXEC_DEFAULT prevents for qev's own spawns.
+  if (::pipe(fds) != 0) return false;
+  ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
+  ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
+  return true;
+#else
+  return ::pipe2(fds, O_CLOEXEC) == 0;
+#endif
+}
 
 Result<ErrorPipedChild> spawnWithErrorPipe(const std::string& path,
                                            const std::vector<std::string>& arguments) {

@@ -7,6 +7,10 @@
 
 namespace qev::process {
 
+// A pipe whose two ends are close-on-exec, so no child started meanwhile inherits them. False
+// when the system refused one.
+bool openCloexecPipe(int (&fds)[2]);
+
 struct ProcessOutput {
   bool ok = false;     // started and exited with status 0
   std::string output;  // standard output, then standard error (each dropped if not UTF-8);

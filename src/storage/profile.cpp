@@ -2,8 +2,13 @@
 
 #include <pwd.h>
 #include <unistd.h>
+#ifdef __APPLE__
+#include <mach-o/dyld.h>
+#endif
 
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <system_error>
 
 namespace qev::storage {
@@ -25,6 +30,15 @@ std::string loginName() {
 
 fs::path runningExecutable() {
   std::error_code ec;
+#ifdef __APPLE__
+  std::uint32_t size = 0;
+  _NSGetExecutablePath(nullptr, &size);
+  std::string path(size, '\0');
+  if (_NSGetExecutablePath(path.data(), &size) != 0) return {};
+  path.resize(std::strlen(path.c_str()));
+  const fs::path exe = fs::canonical(path, ec);
+  return ec ? fs::path(path) : exe;
+#else
   std::string exe = fs::read_symlink("/proc/self/exe", ec).string();
   if (ec) return {};
   // A package upgrade replaces the file under a running program: the link then names the old
@@ -32,6 +46,7 @@ fs::path runningExecutable() {
   constexpr std::string_view kReplaced = " (deleted)";
   if (exe.ends_with(kReplaced)) exe.resize(exe.size() - kReplaced.size());
   return exe;
+#endif
 }
 
 std::vector<std::string> stalePatterns(const std::string& currentFolder,

@@ -139,7 +139,7 @@ int runHeadless(std::istream& in, std::ostream& out, std::ostream& err,
                 const storage::Environment& environment, HeadlessOptions options) {
   // A handler rather than a blocked mask: a library thread started before this point may be
   // the one the kernel picks for the signal.
-  if (::pipe2(signalPipe, O_CLOEXEC) == 0) {
+  if (process::openCloexecPipe(signalPipe)) {
     struct sigaction action {};
     action.sa_handler = onTerminateSignal;
     sigemptyset(&action.sa_mask);

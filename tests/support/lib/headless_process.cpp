@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "process/process_runner.h"
 #include "temp_home.h"
 #include "test_config.h"
 
@@ -46,7 +47,8 @@ std::vector<std::string> childEnvironment(const HeadlessQev::Options& options) {
 
 HeadlessQev::HeadlessQev(Options options) : options_(std::move(options)) {
   int in[2], out[2], err[2];
-  if (::pipe2(in, O_CLOEXEC) || ::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC)) {
+  if (!process::openCloexecPipe(in) || !process::openCloexecPipe(out) ||
+      !process::openCloexecPipe(err)) {
     throw std::runtime_error("pipe failed");
   }
   posix_spawn_file_actions_t actions;
@@ -88,7 +90,9 @@ HeadlessQev::~HeadlessQev() {
   if (errReader_.joinable()) errReader_.join();
 }
 
-void HeadlessQev::send(const Json& message) { sendRaw(message.dump()); }
+void HeadlessQev::send(const Json& message) {
+  sendRaw(message.dump());
+}
 
 void HeadlessQev::sendRaw(const std::string& line) {
   const std::string data = line + "\n";
@@ -134,7 +138,9 @@ void HeadlessQev::closeInput() {
   }
 }
 
-void HeadlessQev::signal(int sig) { ::kill(pid_, sig); }
+void HeadlessQev::signal(int sig) {
+  ::kill(pid_, sig);
+}
 
 std::optional<int> HeadlessQev::waitExit(std::chrono::milliseconds timeout) {
   if (status_) return status_;
@@ -159,7 +165,9 @@ std::filesystem::path HeadlessQev::dataFolder() const {
   return dataHome / "qevjs";
 }
 
-std::string HeadlessQev::logText() const { return readText(dataFolder() / "native-webview.log"); }
+std::string HeadlessQev::logText() const {
+  return readText(dataFolder() / "native-webview.log");
+}
 
 std::vector<std::string> HeadlessQev::logMessages() const {
   std::vector<std::string> messages;

@@ -6,7 +6,9 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
+#ifdef __linux__
 #include <sys/prctl.h>
+#endif
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,7 +87,9 @@ class ChildProcess {
     const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ == 0) {
+#ifdef __linux__
       prctl(PR_SET_PDEATHSIG, SIGKILL);
+#endif
       if (getppid() != parent) _exit(127);
       const int in = open("/dev/null", O_RDONLY);
       const int out = open(stdoutFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -112,8 +116,12 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
+  bool started() const {
+    return pid_ > 0;
+  }
+  pid_t pid() const {
+    return pid_;
+  }
   void signal(int sig) const {
     if (pid_ > 0 && !status_) kill(pid_, sig);
   }
@@ -133,10 +141,16 @@ class ChildProcess {
         timeout);
     return status_;
   }
-  bool running() { return !waitExit(0ms).has_value(); }
+  bool running() {
+    return !waitExit(0ms).has_value();
+  }
 
-  std::string stdoutText() const { return fileText(stdoutFile_); }
-  std::string stderrText() const { return fileText(stderrFile_); }
+  std::string stdoutText() const {
+    return fileText(stdoutFile_);
+  }
+  std::string stderrText() const {
+    return fileText(stderrFile_);
+  }
 
  private:
   static int& counter() {
