@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 
+#include "base/json.h"
 #include "bridge/native_bridge.h"
 #include "qev/deployment.h"
 
@@ -48,11 +49,6 @@ std::string speed(std::uint64_t bytesPerSecond) {
 std::uint64_t counter(const Json& payload, const char* key) {
   const auto it = payload.find(key);
   return it != payload.end() && it->is_number_unsigned() ? it->get<std::uint64_t>() : 0;
-}
-
-std::string text(const Json& payload, const char* key) {
-  const auto it = payload.find(key);
-  return it != payload.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
 }  // namespace
@@ -101,11 +97,11 @@ void TrayMenu::follow(const std::string& event, const Json& payload) {
   } else if (event == "traffic") {
     state_.rate = std::pair{counter(payload, "up"), counter(payload, "down")};
   } else if (event == "mode") {
-    state_.mode = text(payload, "mode");
+    state_.mode = base::stringField(payload, "mode");
   } else if (event == "node") {
-    state_.node = text(payload, "name");
+    state_.node = base::stringField(payload, "name");
   } else if (event == "language") {
-    state_.language = text(payload, "language");
+    state_.language = base::stringField(payload, "language");
   }
   if (state_ != before && observer_) observer_();
 }

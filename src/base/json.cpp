@@ -38,6 +38,11 @@ const Json* firstArg(const Json& args) {
   return (args.is_array() && !args.empty()) ? &args.front() : nullptr;
 }
 
+std::string stringField(const Json& object, const char* key) {
+  const auto it = object.find(key);
+  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
 Json parseJson(std::string_view text) {
   if (!jsonNestingWithin(text)) return Json(Json::value_t::discarded);
   return Json::parse(text, nullptr, false);

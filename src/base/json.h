@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -25,6 +26,9 @@ Json parseJson(std::string_view text);
 
 // The first element of a command's argument array, or nullptr.
 const Json* firstArg(const Json& args);
+
+// The string under `key` of an object from outside; empty when it is missing or not a string.
+std::string stringField(const Json& object, const char* key);
 
 }  // namespace base
 }  // namespace qev

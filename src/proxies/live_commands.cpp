@@ -10,13 +10,10 @@
 namespace qev::proxies {
 namespace {
 
+using base::stringField;
+
 constexpr auto kConnectionsFreshFor = std::chrono::seconds(1);
 constexpr int kDelayTimeoutMs = 5000;
-
-std::string stringField(const Json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
 
 Json numberOrNull(const Json& object, const char* key) {
   const auto it = object.find(key);

@@ -1,9 +1,9 @@
 #include "controller/controller_client.h"
+#include "awaited.h"
 #include "recording_logger.h"
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -70,10 +70,8 @@ class ControllerClientTest : public ::testing::Test {
 
   Result<Json> call(const std::string& method, const std::string& url,
                     std::optional<Json> body = std::nullopt) {
-    std::promise<Result<Json>> promise;
-    client_->httpJSON(method, url, std::move(body),
-                      [&](Result<Json> result) { promise.set_value(std::move(result)); });
-    return promise.get_future().get();
+    return test::awaited<Result<Json>>(
+        [&](auto done) { client_->httpJSON(method, url, std::move(body), done); });
   }
 
   test::LoopbackServer server_;
@@ -121,15 +119,11 @@ TEST_F(ControllerClientTest, BodyGoesOutAsCompactJsonWithContentType) {
 }
 
 TEST_F(ControllerClientTest, CloseConnectionsLogsEitherOutcome) {
-  std::promise<void> closed;
-  client_->closeConnections([&] { closed.set_value(); });
-  closed.get_future().get();
+  test::awaitedDone([&](auto done) { client_->closeConnections(done); });
 
   RecordingLogger deadLog;
   controller::ControllerClient dead(session_, deadLog, "http://127.0.0.1:1");
-  std::promise<void> failed;
-  dead.closeConnections([&] { failed.set_value(); });
-  failed.get_future().get();
+  test::awaitedDone([&](auto done) { dead.closeConnections(done); });
 
   EXPECT_EQ(log_.lines(), std::vector<std::string>{"native.connections.closed"});
   ASSERT_EQ(deadLog.lines().size(), 1u);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "awaited.h"
 #include "net/url.h"
 #include "net_loopback_server.h"
 
@@ -75,12 +76,8 @@ class HttpSessionTest : public ::testing::Test {
   }
 
   Result<HttpResponse> fetch(HttpRequest request) {
-    std::promise<Result<HttpResponse>> promise;
-    auto future = promise.get_future();
-    session_.send(std::move(request), [&promise](Result<HttpResponse> result) {
-      promise.set_value(std::move(result));
-    });
-    return future.get();
+    return test::awaited<Result<HttpResponse>>(
+        [&](auto done) { session_.send(std::move(request), done); });
   }
 
   HttpRequest request(const std::string& method, const std::string& path,
@@ -204,9 +201,8 @@ TEST(HttpSessionProxyTest, IgnoresProxyVariablesOfTheEnvironment) {
   HttpSession session(executors);
   HttpRequest r;
   r.url = server.url("/");
-  std::promise<Result<HttpResponse>> promise;
-  session.send(r, [&](Result<HttpResponse> result) { promise.set_value(std::move(result)); });
-  auto result = promise.get_future().get();
+  const auto result =
+      test::awaited<Result<HttpResponse>>([&](auto done) { session.send(r, done); });
   ASSERT_TRUE(result.ok()) << result.error().description;
   EXPECT_EQ(result.value().body, "direct");
   session.stop();

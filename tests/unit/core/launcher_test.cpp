@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "awaited.h"
 #include "base/fs.h"
 #include "base/json.h"
 #include "base/strings.h"
@@ -116,24 +117,17 @@ class LauncherRig {
   }
 
   bool restart(const std::string& reason) {
-    std::promise<bool> promise;
-    supervisor_->restartMihomoSerialized(reason, [&](bool ok) { promise.set_value(ok); });
-    return promise.get_future().get();
+    return test::awaited<bool>(
+        [&](auto done) { supervisor_->restartMihomoSerialized(reason, done); });
   }
   bool ensureRunning() {
-    std::promise<bool> promise;
-    supervisor_->ensureMihomoRunning([&](bool ok) { promise.set_value(ok); });
-    return promise.get_future().get();
+    return test::awaited<bool>([&](auto done) { supervisor_->ensureMihomoRunning(done); });
   }
   bool reloadOrRestart() {
-    std::promise<bool> promise;
-    supervisor_->reloadOrRestartMihomo([&](bool ok) { promise.set_value(ok); });
-    return promise.get_future().get();
+    return test::awaited<bool>([&](auto done) { supervisor_->reloadOrRestartMihomo(done); });
   }
   bool controllerReady() {
-    std::promise<bool> promise;
-    readiness_->isControllerReady([&](bool ok) { promise.set_value(ok); });
-    return promise.get_future().get();
+    return test::awaited<bool>([&](auto done) { readiness_->isControllerReady(done); });
   }
 
   // The pid of the n-th (from 1) "native.mihomo.started: " line.

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <mutex>
 #include <vector>
 
+#include "awaited.h"
 #include "net_loopback_server.h"
 
 namespace qev::core {
@@ -25,14 +25,10 @@ struct Rig {
         readiness(session, controller, executors, timings) {}
 
   bool ready() {
-    std::promise<bool> promise;
-    readiness.isControllerReady([&](bool value) { promise.set_value(value); });
-    return promise.get_future().get();
+    return test::awaited<bool>([&](auto done) { readiness.isControllerReady(done); });
   }
   bool wait(std::chrono::milliseconds budget) {
-    std::promise<bool> promise;
-    readiness.waitForController(budget, [&](bool value) { promise.set_value(value); });
-    return promise.get_future().get();
+    return test::awaited<bool>([&](auto done) { readiness.waitForController(budget, done); });
   }
 
   base::Executors executors{4};
@@ -113,9 +109,7 @@ TEST(ReadinessTest, EnsureProxyPortsSendsTheFixedPortsAndAlwaysCompletes) {
   });
   server.start();
   Rig rig(server.base(), {5s, 100ms});
-  std::promise<void> done;
-  rig.readiness.ensureProxyPorts([&] { done.set_value(); });
-  done.get_future().get();
+  test::awaitedDone([&](auto done) { rig.readiness.ensureProxyPorts(done); });
   {
     std::lock_guard lock(mutex);
     EXPECT_EQ(method, "PUT");
@@ -123,9 +117,7 @@ TEST(ReadinessTest, EnsureProxyPortsSendsTheFixedPortsAndAlwaysCompletes) {
   }
 
   Rig dead("http://127.0.0.1:1");
-  std::promise<void> deadDone;
-  dead.readiness.ensureProxyPorts([&] { deadDone.set_value(); });
-  deadDone.get_future().get();
+  test::awaitedDone([&](auto done) { dead.readiness.ensureProxyPorts(done); });
 }
 
 }  // namespace
