@@ -407,7 +407,9 @@ Reply Controller::routeGroups(const httplib::Request& request, const std::vector
   if (request.method != "GET") return methodNotAllowed();
   if (atRoot(rest)) {
     nlohmann::json groups = nlohmann::json::array();
-    for (const auto& [name, entry] : runtime_.proxies().items()) {
+    // Held by name: items() of a temporary would outlive the table it walks.
+    const nlohmann::json proxies = runtime_.proxies();
+    for (const auto& [name, entry] : proxies.items()) {
       if (entry.contains("all")) groups.push_back(entry);
     }
     return jsonReply(200, {{"proxies", groups}});
