@@ -1,9 +1,10 @@
 // The yardstick of the desktop shell benchmark: the least a WebKitGTK window needs to show
 // the same page. One 420 x 560 window, the page's files served from a folder under the same
-// scheme, the same injected script, and a "nativeBridge" handler that echoes every request
-// straight back. The page's log messages are printed on standard output.
+// scheme, the same injected runtime, and, as in qev, the message handlers in an isolated world
+// that only the relay script reaches; the "nativeBridge" handler echoes every request straight
+// back. The page's log messages are printed on standard output.
 //
-//   bare_webview <dist folder> [<script injected at document start>]
+//   bare_webview <dist folder> <runtime script> <relay script>
 
 #include <webkit2/webkit2.h>
 
@@ -40,7 +41,8 @@ void serve(WebKitURISchemeRequest* request, gpointer data) {
     g_error_free(error);
     return;
   }
-  GInputStream* stream = g_memory_input_stream_new_from_data(contents, static_cast<gssize>(length), g_free);
+  GInputStream* stream =
+      g_memory_input_stream_new_from_data(contents, static_cast<gssize>(length), g_free);
   webkit_uri_scheme_request_finish(request, stream, static_cast<gint64>(length), mimeTypeOf(file));
   g_object_unref(stream);
 }
@@ -52,11 +54,11 @@ void echo(WebKitUserContentManager*, WebKitJavascriptResult* result, gpointer da
   JSCValue* id = jsc_value_object_get_property(message, "id");
   gchar* idJson = jsc_value_to_json(id, 0);
   gchar* body = jsc_value_to_json(message, 0);
-  gchar* statement = g_strdup_printf(
-      "window.__nativeBridgeResolve && window.__nativeBridgeResolve(%s, %s);",
-      idJson ? idJson : "\"\"", body ? body : "null");
-  webkit_web_view_evaluate_javascript(bare->view, statement, -1, nullptr, nullptr, nullptr,
-                                      nullptr, nullptr);
+  gchar* statement =
+      g_strdup_printf("window.__nativeBridgeResolve && window.__nativeBridgeResolve(%s, %s);",
+                      idJson ? idJson : "\"\"", body ? body : "null");
+  webkit_web_view_evaluate_javascript(bare->view, statement, -1, nullptr, nullptr, nullptr, nullptr,
+                                      nullptr);
   g_free(statement);
   g_free(body);
   g_free(idJson);
@@ -73,11 +75,30 @@ void printLog(WebKitUserContentManager*, WebKitJavascriptResult* result, gpointe
   g_object_unref(text);
 }
 
+// Injects a script file at document start in the top frame, in `world` or the page's own.
+bool addScript(WebKitUserContentManager* content, const char* file, const char* world) {
+  gchar* source = nullptr;
+  if (!g_file_get_contents(file, &source, nullptr, nullptr)) {
+    std::fprintf(stderr, "bare_webview: cannot read %s\n", file);
+    return false;
+  }
+  WebKitUserScript* script =
+      world ? webkit_user_script_new_for_world(source, WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+                                               WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, world,
+                                               nullptr, nullptr)
+            : webkit_user_script_new(source, WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+                                     WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+  webkit_user_content_manager_add_script(content, script);
+  webkit_user_script_unref(script);
+  g_free(source);
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: %s <dist folder> [<script>]\n", argv[0]);
+  if (argc < 4) {
+    std::fprintf(stderr, "usage: %s <dist folder> <runtime script> <relay script>\n", argv[0]);
     return 2;
   }
   gtk_init(&argc, &argv);
@@ -86,19 +107,11 @@ int main(int argc, char** argv) {
   WebKitUserContentManager* content = webkit_user_content_manager_new();
   g_signal_connect(content, "script-message-received::nativeBridge", G_CALLBACK(echo), &bare);
   g_signal_connect(content, "script-message-received::nativeLog", G_CALLBACK(printLog), &bare);
-  webkit_user_content_manager_register_script_message_handler(content, "nativeBridge");
-  webkit_user_content_manager_register_script_message_handler(content, "nativeLog");
-  if (argc > 2) {
-    gchar* source = nullptr;
-    if (g_file_get_contents(argv[2], &source, nullptr, nullptr)) {
-      WebKitUserScript* script = webkit_user_script_new(
-          source, WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
-          WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
-      webkit_user_content_manager_add_script(content, script);
-      webkit_user_script_unref(script);
-      g_free(source);
-    }
-  }
+  const char* world = "qev-native";
+  webkit_user_content_manager_register_script_message_handler_in_world(content, "nativeBridge",
+                                                                       world);
+  webkit_user_content_manager_register_script_message_handler_in_world(content, "nativeLog", world);
+  if (!addScript(content, argv[2], nullptr) || !addScript(content, argv[3], world)) return 1;
 
   WebKitWebContext* context = webkit_web_context_new();
   webkit_web_context_register_uri_scheme(context, "qevnative", serve, &bare, nullptr);

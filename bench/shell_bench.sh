@@ -72,7 +72,8 @@ measure() {
   started=$(now_ms)
   if [ "$kind" = bare ]; then
     log=$work/bare-$run.log
-    HOME=$home "$bare" "$resources/dist" "$resources/nativeCompatibilityScript.js" >"$log" 2>/dev/null &
+    HOME=$home "$bare" "$resources/dist" "$resources/nativeCompatibilityScript.js" \
+      "$here/resources/relay/native_relay.js" >"$log" 2>/dev/null &
     pid=$!
   else
     log=$home/.local/share/qevjs/native-webview.log

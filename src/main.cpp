@@ -1,9 +1,7 @@
 #include <iostream>
 #include <string_view>
 
-#include "app/guard_mode.h"
 #include "app/headless/headless_shell.h"
-#include "guard/crash_guard.h"
 #include "qev/deployment.h"
 #include "storage/profile.h"
 
@@ -40,9 +38,6 @@ int main(int argc, char** argv) {
   bool headless = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view argument = argv[i];
-    if (argument == qev::guard::kGuardArgument) {
-      return qev::app::runGuardMode(qev::storage::Environment::fromProcess());
-    }
     if (argument == "--headless") {
       headless = true;
     } else if (argument == "--version") {

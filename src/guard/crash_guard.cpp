@@ -78,9 +78,19 @@ int runGuard(int input, const storage::Profile& profile, const base::Logger& log
   return 0;
 }
 
-CrashGuard::CrashGuard(storage::InstanceLock lock, std::filesystem::path executable,
+std::filesystem::path guardProgramBeside(const std::filesystem::path& executable) {
+  constexpr const char* kProgram = "qev-guard";
+  const auto folder = executable.parent_path();
+  const auto installed = folder.parent_path() / "libexec" / "qev" / kProgram;
+  std::error_code ec;
+  return !std::filesystem::exists(folder / kProgram, ec) && std::filesystem::exists(installed, ec)
+             ? installed
+             : folder / kProgram;
+}
+
+CrashGuard::CrashGuard(storage::InstanceLock lock, std::filesystem::path program,
                        const base::Logger& log)
-    : lock_(std::move(lock)), executable_(std::move(executable)), log_(log) {}
+    : lock_(std::move(lock)), program_(std::move(program)), log_(log) {}
 
 std::unique_ptr<CrashGuard> CrashGuard::engage(const storage::Profile& profile,
                                                const std::filesystem::path& executable,
@@ -90,7 +100,8 @@ std::unique_ptr<CrashGuard> CrashGuard::engage(const storage::Profile& profile,
     log.message("native.guard.otherInstance");
     return nullptr;
   }
-  std::unique_ptr<CrashGuard> guard(new CrashGuard(std::move(*lock), executable, log));
+  std::unique_ptr<CrashGuard> guard(
+      new CrashGuard(std::move(*lock), guardProgramBeside(executable), log));
   {
     std::lock_guard hold(guard->mutex_);
     if (!guard->launch()) return nullptr;
@@ -111,7 +122,7 @@ bool CrashGuard::launch() {
   const int on = 1;
   ::setsockopt(fds[1], SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
 #endif
-  auto spawned = process::spawnInNewSession(executable_.string(), {kGuardArgument}, fds[0]);
+  auto spawned = process::spawnInNewSession(program_.string(), {}, fds[0]);
   ::close(fds[0]);
   if (!spawned) {
     ::close(fds[1]);

@@ -14,13 +14,15 @@
 #include "storage/profile.h"
 #include "sysproxy/system_proxy_backend.h"
 
-// A crash must never leave the desktop pointing at a dead proxy. A small guard process (this
-// same program, started with kGuardArgument) holds the read end of a pipe whose write end only
-// the app holds. A clean quit writes kStandDown first; any other end of the app is end of file,
+// A crash must never leave the desktop pointing at a dead proxy. A small guard process (the
+// qev-guard program installed with qev) holds the read end of a pipe whose write end only the
+// app holds. A clean quit writes kStandDown first; any other end of the app is end of file,
 // and the guard then switches the system proxy off and stops the core.
 namespace qev::guard {
 
-inline constexpr const char* kGuardArgument = "--guard";
+// The guard program of the app at `executable`: beside it (the build tree, the macOS bundle),
+// else in ../libexec/qev (an installed bin/qev).
+std::filesystem::path guardProgramBeside(const std::filesystem::path& executable);
 
 // What the guard does once qev has gone without quitting: switches the system proxy off if it
 // still points at the core (a setting of the user's own stays), stops every core of this data
@@ -36,7 +38,8 @@ int runGuard(int input, const storage::Profile& profile, const base::Logger& log
 // The app's side: the instance lock and the guard it keeps running.
 class CrashGuard {
  public:
-  // Nothing when another qev holds the data folder: its own guard covers it.
+  // Nothing when another qev holds the data folder: its own guard covers it. `executable` is
+  // the app's own; the guard program is found beside it.
   static std::unique_ptr<CrashGuard> engage(const storage::Profile& profile,
                                             const std::filesystem::path& executable,
                                             const base::Logger& log);
@@ -46,12 +49,12 @@ class CrashGuard {
   CrashGuard& operator=(const CrashGuard&) = delete;
 
  private:
-  CrashGuard(storage::InstanceLock lock, std::filesystem::path executable, const base::Logger& log);
+  CrashGuard(storage::InstanceLock lock, std::filesystem::path program, const base::Logger& log);
   bool launch();  // mutex_ held
   void watch();
 
   storage::InstanceLock lock_;
-  std::filesystem::path executable_;
+  std::filesystem::path program_;
   const base::Logger& log_;
   std::mutex mutex_;
   pid_t pid_ = -1;
