@@ -48,6 +48,10 @@ class RecordingLogger final : public base::Logger {
     });
     return found;
   }
+  void clear() const {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+  }
   bool has(std::string_view line) const {
     for (const auto& l : lines()) {
       if (l == line) return true;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/executors.h"
+#include "recording_logger.h"
 #include "storage/profile.h"
 #include "storage/selection_memory.h"
 #include "storage/settings_store.h"
@@ -26,33 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // One ordered record of what the parts did: persists, switches and log lines.
-class Journal final : public base::Logger {
- public:
-  void message(std::string_view text) const noexcept override { add(std::string(text)); }
-  void add(std::string entry) const {
-    std::lock_guard lock(mutex_);
-    entries_.push_back(std::move(entry));
-  }
-  std::vector<std::string> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  void clear() const {
-    std::lock_guard lock(mutex_);
-    entries_.clear();
-  }
-  std::vector<std::string> withPrefix(std::string_view prefix) const {
-    std::vector<std::string> matching;
-    for (auto& e : entries()) {
-      if (e.starts_with(prefix)) matching.push_back(e);
-    }
-    return matching;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::string> entries_;
-};
+using Journal = test::RecordingLogger;
 
 // Records each switch; while held, a switch waits inside the backend until released, so tests
 // can queue requests behind a running one.
@@ -91,7 +66,7 @@ class GatedBackend final : public SystemProxyBackend {
 
  private:
   void run(bool enabled) {
-    journal_.add(enabled ? "switch:on" : "switch:off");
+    journal_.message(enabled ? "switch:on" : "switch:off");
     std::unique_lock lock(mutex_);
     if (running_++ > 0) overlapped_ = true;
     switches_.push_back(enabled);
@@ -145,7 +120,7 @@ class SystemProxyRequestsTest : public ::testing::Test {
     backend_ = backend.get();
     requests_ = std::make_unique<SystemProxyRequests>(
         std::move(backend),
-        [this](bool enabled) { journal_.add(enabled ? "persist:on" : "persist:off"); },
+        [this](bool enabled) { journal_.message(enabled ? "persist:on" : "persist:off"); },
         executors_.makeSerialQueue("qev.native.systemProxy.apply"), journal_, savedWish);
   }
 
@@ -171,17 +146,17 @@ TEST_F(SystemProxyRequestsTest, RequestsQueuedBehindARunningSwitchAreSkippedButT
   counter_.waitFor(2);
 
   // Each wish was saved when it was made, before its switch could run.
-  EXPECT_EQ(journal_.entries(), (std::vector<std::string>{
-                                    "persist:on",
-                                    "switch:on",
-                                    "persist:off",
-                                    "persist:on",
-                                    "native.systemProxy.applied: startProxy.confirm "
-                                    "enabled=true revision=1",
-                                    "native.systemProxy.skip: stopProxy enabled=false revision=2",
-                                    "switch:on",
-                                    "native.systemProxy.applied: setProxy enabled=true revision=3",
-                                }));
+  EXPECT_EQ(journal_.lines(), (std::vector<std::string>{
+                                  "persist:on",
+                                  "switch:on",
+                                  "persist:off",
+                                  "persist:on",
+                                  "native.systemProxy.applied: startProxy.confirm "
+                                  "enabled=true revision=1",
+                                  "native.systemProxy.skip: stopProxy enabled=false revision=2",
+                                  "switch:on",
+                                  "native.systemProxy.applied: setProxy enabled=true revision=3",
+                              }));
 }
 
 TEST_F(SystemProxyRequestsTest, ShutdownWaitsForTheRunningSwitchEndsOffAndRefusesLaterWishes) {
@@ -204,11 +179,11 @@ TEST_F(SystemProxyRequestsTest, ShutdownWaitsForTheRunningSwitchEndsOffAndRefuse
   EXPECT_FALSE(requests_->isSystemProxyDesired());
   EXPECT_FALSE(backend_->overlapped());
   EXPECT_EQ(backend_->switches(), (std::vector<bool>{true, false}));
-  EXPECT_EQ(journal_.withPrefix("persist:"),
+  EXPECT_EQ(journal_.linesStartingWith("persist:"),
             (std::vector<std::string>{"persist:on", "persist:on", "persist:off"}));
-  EXPECT_EQ(journal_.withPrefix("native.systemProxy.skip: "),
+  EXPECT_EQ(journal_.linesStartingWith("native.systemProxy.skip: "),
             std::vector<std::string>{"native.systemProxy.skip: setProxy enabled=true revision=2"});
-  EXPECT_EQ(journal_.withPrefix("native.systemProxy.refused: "),
+  EXPECT_EQ(journal_.linesStartingWith("native.systemProxy.refused: "),
             std::vector<std::string>{"native.systemProxy.refused: late (quitting)"});
   // Quitting again touches nothing.
   EXPECT_FALSE(requests_->shutdown(10s));
@@ -229,7 +204,7 @@ TEST_F(SystemProxyRequestsTest, RepairSwitchesOffOnlyAProxyPointingAtANonListeni
     requests_->repairIfStale([&c] { return c.served; }, done.completion());
     done.waitFor(1);
     EXPECT_EQ(backend_->switches(), c.switched ? std::vector<bool>{false} : std::vector<bool>{});
-    EXPECT_EQ(journal_.withPrefix("native.systemProxy.repair").size(), c.switched ? 1u : 0u);
+    EXPECT_EQ(journal_.linesStartingWith("native.systemProxy.repair").size(), c.switched ? 1u : 0u);
     journal_.clear();
   }
 }
@@ -240,12 +215,12 @@ TEST_F(SystemProxyRequestsTest, SuspendSwitchesOffButKeepsTheSavedWish) {
   counter_.waitFor(1);
   EXPECT_FALSE(requests_->isSystemProxyDesired());
   EXPECT_EQ(backend_->switches(), std::vector<bool>{false});
-  EXPECT_TRUE(journal_.withPrefix("persist:").empty());
+  EXPECT_TRUE(journal_.linesStartingWith("persist:").empty());
   // Connecting again works as usual.
   requests_->requestSystemProxy(true, "startProxy.confirm", counter_.completion());
   counter_.waitFor(2);
   EXPECT_EQ(backend_->switches(), (std::vector<bool>{false, true}));
-  EXPECT_EQ(journal_.withPrefix("persist:"), std::vector<std::string>{"persist:on"});
+  EXPECT_EQ(journal_.linesStartingWith("persist:"), std::vector<std::string>{"persist:on"});
 }
 
 // Many callers on several threads: whatever the interleaving, the wish with the highest revision
@@ -291,8 +266,8 @@ TEST(SystemProxyRequestsStress, LastWishOfManyThreadsIsAppliedOnceAndSaved) {
 
   // Every revision was decided exactly once; the applied ones in increasing order, ending with
   // the last.
-  const auto applied = journal.withPrefix("native.systemProxy.applied: ");
-  const auto skipped = journal.withPrefix("native.systemProxy.skip: ");
+  const auto applied = journal.linesStartingWith("native.systemProxy.applied: ");
+  const auto skipped = journal.linesStartingWith("native.systemProxy.skip: ");
   EXPECT_EQ(applied.size() + skipped.size(), static_cast<std::size_t>(kThreads * kPerThread));
   EXPECT_EQ(applied.size(), switches.switches().size());
   std::vector<std::int64_t> appliedRevisions;
@@ -305,7 +280,7 @@ TEST(SystemProxyRequestsStress, LastWishOfManyThreadsIsAppliedOnceAndSaved) {
   EXPECT_EQ(appliedRevisions.back(), kThreads * kPerThread);
   const std::string expectedState = finalWish ? "enabled=true" : "enabled=false";
   EXPECT_NE(applied.back().find(expectedState), std::string::npos) << applied.back();
-  EXPECT_TRUE(journal.withPrefix("native.proxyEnabled.save.error").empty());
+  EXPECT_TRUE(journal.linesStartingWith("native.proxyEnabled.save.error").empty());
 }
 
 }  // namespace
