@@ -81,11 +81,12 @@ int runGuard(int input, const storage::Profile& profile, const base::Logger& log
 std::filesystem::path guardProgramBeside(const std::filesystem::path& executable) {
   constexpr const char* kProgram = "qev-guard";
   const auto folder = executable.parent_path();
-  const auto installed = folder.parent_path() / "libexec" / "qev" / kProgram;
+  const auto beside = folder / kProgram;
   std::error_code ec;
-  return !std::filesystem::exists(folder / kProgram, ec) && std::filesystem::exists(installed, ec)
-             ? installed
-             : folder / kProgram;
+  for (const auto& candidate : {beside, folder.parent_path() / "libexec" / "qev" / kProgram}) {
+    if (std::filesystem::exists(candidate, ec)) return candidate;
+  }
+  return beside;  // fails to start, and says so in the log
 }
 
 CrashGuard::CrashGuard(storage::InstanceLock lock, std::filesystem::path program,
